@@ -1,0 +1,161 @@
+#include "tqble/platform/MainQueue.h"
+
+#include <algorithm>
+
+namespace tqble {
+
+MainQueue& MainQueue::main() {
+  static MainQueue queue;
+  return queue;
+}
+
+void MainQueue::async(Task task) {
+  {
+    std::lock_guard lock(mutex_);
+    ready_.push_back(std::move(task));
+  }
+  wake_.notify_all();
+}
+
+void MainQueue::asyncAfter(Duration delay, Task task) {
+  {
+    std::lock_guard lock(mutex_);
+    const auto due = (virtual_ ? virtualNow_ : Clock::now()) + std::max(delay, Duration::zero());
+    timers_.emplace(std::make_pair(due, sequence_++), std::move(task));
+  }
+  wake_.notify_all();
+}
+
+MainQueue::Clock::time_point MainQueue::now() const {
+  std::lock_guard lock(mutex_);
+  return virtual_ ? virtualNow_ : Clock::now();
+}
+
+std::size_t MainQueue::pending() const {
+  std::lock_guard lock(mutex_);
+  return ready_.size() + timers_.size();
+}
+
+void MainQueue::clear() {
+  std::lock_guard lock(mutex_);
+  ready_.clear();
+  timers_.clear();
+}
+
+void MainQueue::useVirtualClock() {
+  std::lock_guard lock(mutex_);
+  if (virtual_) return;
+  // Delayed tasks keep their remaining delay on the new clock.
+  const auto realNow = Clock::now();
+  virtualNow_ = Clock::time_point{} + std::chrono::hours(24);
+  decltype(timers_) moved;
+  for (auto& [key, task] : timers_) {
+    moved.emplace(std::make_pair(virtualNow_ + std::max(key.first - realNow, Duration::zero()),
+                                 key.second),
+                  std::move(task));
+  }
+  timers_.swap(moved);
+  virtual_ = true;
+}
+
+std::pair<bool, MainQueue::Clock::time_point> MainQueue::nextTimer() const {
+  if (timers_.empty()) return {false, {}};
+  return {true, timers_.begin()->first.first};
+}
+
+// Runs one task: a ready one first, else the earliest timer due at or before `upTo`.
+// A virtual clock moves forward to the timer's due time.
+bool MainQueue::runOneDue(Clock::time_point upTo) {
+  Task task;
+  {
+    std::lock_guard lock(mutex_);
+    if (!ready_.empty()) {
+      task = std::move(ready_.front());
+      ready_.pop_front();
+    } else if (!timers_.empty() && timers_.begin()->first.first <= upTo) {
+      auto first = timers_.begin();
+      if (virtual_) virtualNow_ = std::max(virtualNow_, first->first.first);
+      task = std::move(first->second);
+      timers_.erase(first);
+    } else {
+      return false;
+    }
+  }
+  if (task) task();
+  return true;
+}
+
+std::size_t MainQueue::runUntilIdle() {
+  std::size_t count = 0;
+  while (runOneDue(now())) ++count;
+  return count;
+}
+
+std::size_t MainQueue::runFor(Duration span) {
+  std::size_t count = 0;
+  runUntil(
+      [&count] {
+        ++count;
+        return false;
+      },
+      span);
+  return count > 0 ? count - 1 : 0;
+}
+
+bool MainQueue::runUntil(const std::function<bool()>& done, Duration limit) {
+  const auto deadline = now() + limit;
+  if (done()) return true;
+  for (;;) {
+    if (isVirtual()) {
+      if (!runOneDue(deadline)) {
+        std::lock_guard lock(mutex_);
+        virtualNow_ = std::max(virtualNow_, deadline);
+        return false;
+      }
+      if (done()) return true;
+      continue;
+    }
+    if (runOneDue(Clock::now())) {
+      if (done()) return true;
+      continue;
+    }
+    std::unique_lock lock(mutex_);
+    if (Clock::now() >= deadline) return false;
+    auto [has, due] = nextTimer();
+    const auto until = has ? std::min(due, deadline) : deadline;
+    wake_.wait_until(lock, until, [this] { return !ready_.empty(); });
+  }
+}
+
+void MainQueue::run() {
+  {
+    std::lock_guard lock(mutex_);
+    stopRequested_ = false;
+  }
+  for (;;) {
+    {
+      std::lock_guard lock(mutex_);
+      if (stopRequested_) return;
+    }
+    if (runOneDue(isVirtual() ? Clock::time_point::max() : Clock::now())) continue;
+    std::unique_lock lock(mutex_);
+    if (stopRequested_) return;
+    auto [has, due] = nextTimer();
+    auto ready = [this] { return !ready_.empty() || stopRequested_; };
+    if (has && !virtual_) {
+      wake_.wait_until(lock, due, ready);
+    } else {
+      wake_.wait(lock, ready);
+    }
+  }
+}
+
+void MainQueue::stop() {
+  {
+    std::lock_guard lock(mutex_);
+    stopRequested_ = true;
+  }
+  wake_.notify_all();
+}
+
+}  // namespace tqble

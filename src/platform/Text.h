@@ -1,0 +1,17 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace tqble::detail {
+
+/// The `length` characters of `text` from `from`, like the platform's range-checked
+/// substring: a cut that starts or ends past the text's end throws, never clamps.
+/// @throws std::out_of_range
+std::string cut(const std::string& text, std::size_t from, std::size_t length);
+
+/// The characters of `text` from `from` to its end.
+/// @throws std::out_of_range when `from` lies past the end.
+std::string cutFrom(const std::string& text, std::size_t from);
+
+}  // namespace tqble::detail

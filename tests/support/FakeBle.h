@@ -1,0 +1,141 @@
+#pragma once
+
+// A scripted in-memory central and peripheral for unit tests of the manager. Nothing
+// happens by itself: a test calls the manager's platform callbacks directly.
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tqble/TQBleManager.h"
+#include "tqble/ble/CentralManager.h"
+
+namespace tqble::test {
+
+class FakeService;
+
+class FakeCharacteristic : public ble::Characteristic {
+ public:
+  FakeCharacteristic(std::string uuid, std::uint64_t properties)
+      : uuid_(ble::UUID::fromString(uuid)), properties_(properties) {}
+  ble::UUID uuid() const override { return uuid_; }
+  std::uint64_t properties() const override { return properties_; }
+  Bytes value() const override { return value_; }
+  std::shared_ptr<ble::Service> service() const override { return {}; }
+  Bytes value_;
+
+ private:
+  ble::UUID uuid_;
+  std::uint64_t properties_;
+};
+
+class FakeService : public ble::Service {
+ public:
+  explicit FakeService(std::string uuid) : uuid_(ble::UUID::fromString(uuid)) {}
+  ble::UUID uuid() const override { return uuid_; }
+  std::vector<std::shared_ptr<ble::Characteristic>> characteristics() const override {
+    return characteristics_;
+  }
+  std::vector<std::shared_ptr<ble::Characteristic>> characteristics_;
+
+ private:
+  ble::UUID uuid_;
+};
+
+class FakePeripheral : public ble::Peripheral {
+ public:
+  std::string identifier() const override { return "fake"; }
+  std::string name() const override { return "fake post"; }
+  void setDelegate(std::weak_ptr<ble::PeripheralDelegate> delegate) override {
+    delegate_ = std::move(delegate);
+  }
+  void discoverServices(const std::vector<ble::UUID>&) override { ++serviceDiscoveries; }
+  std::vector<std::shared_ptr<ble::Service>> services() const override { return services_; }
+  void discoverCharacteristics(const std::vector<ble::UUID>&,
+                               const std::shared_ptr<ble::Service>& service) override {
+    characteristicDiscoveries.push_back(service);
+  }
+  void readValueForCharacteristic(const std::shared_ptr<ble::Characteristic>& c) override {
+    calls.push_back("read " + c->uuid().UUIDString());
+  }
+  void setNotifyValue(bool enabled, const std::shared_ptr<ble::Characteristic>& c) override {
+    calls.push_back(std::string(enabled ? "notify on " : "notify off ") + c->uuid().UUIDString());
+  }
+  void writeValue(const Bytes& data, const std::shared_ptr<ble::Characteristic>& c,
+                  ble::WriteType type) override {
+    writes.push_back({data, c, type});
+  }
+
+  struct Write {
+    Bytes data;
+    std::shared_ptr<ble::Characteristic> characteristic;
+    ble::WriteType type;
+  };
+  std::weak_ptr<ble::PeripheralDelegate> delegate_;
+  std::vector<std::shared_ptr<ble::Service>> services_;
+  std::vector<std::shared_ptr<ble::Service>> characteristicDiscoveries;
+  std::vector<std::string> calls;
+  std::vector<Write> writes;
+  int serviceDiscoveries = 0;
+};
+
+class FakeCentral : public ble::CentralManager {
+ public:
+  std::int64_t state() const override { return state_; }
+  void scanForPeripheralsWithServices(const std::vector<ble::UUID>& services,
+                                      const Dictionary&) override {
+    calls.push_back("scan " + std::to_string(services.size()));
+  }
+  void stopScan() override { calls.push_back("stopScan"); }
+  void connectPeripheral(const std::shared_ptr<ble::Peripheral>&, const Dictionary&) override {
+    calls.push_back("connect");
+  }
+  void cancelPeripheralConnection(const std::shared_ptr<ble::Peripheral>&) override {
+    calls.push_back("cancel");
+  }
+  std::int64_t state_ = ble::CentralManagerStatePoweredOn;
+  std::vector<std::string> calls;
+};
+
+/// Installs a FakeCentral as the manager's central. Call before the first shareManager();
+/// every test runs in a process of its own, so each gets a fresh manager.
+struct FakeStack {
+  static inline int centralsMade = 0;
+  static inline std::shared_ptr<FakeCentral> central;
+
+  FakeStack() {
+    TQBleManager::useCentralFactory([](std::weak_ptr<ble::CentralManagerDelegate>) {
+      ++centralsMade;
+      central = std::make_shared<FakeCentral>();
+      return central;
+    });
+    manager = TQBleManager::shareManager();
+  }
+
+  /// A connected post with the "FFF0" service and both characteristics discovered.
+  std::shared_ptr<FakePeripheral> connectReadyPost() {
+    auto post = std::make_shared<FakePeripheral>();
+    auto service = std::make_shared<FakeService>("FFF0");
+    write = std::make_shared<FakeCharacteristic>("FFF3", 0x04);
+    read = std::make_shared<FakeCharacteristic>("FFF4", 0x12);
+    service->characteristics_ = {write, read};
+    post->services_ = {service};
+    manager->didConnectPeripheral(*central, post);
+    manager->didDiscoverServices(post, std::nullopt);
+    manager->didDiscoverCharacteristicsForService(post, service, std::nullopt);
+    return post;
+  }
+
+  /// Delivers one notified chunk on the read characteristic.
+  void notify(const std::shared_ptr<FakePeripheral>& post, const Bytes& chunk) {
+    read->value_ = chunk;
+    manager->didUpdateValueForCharacteristic(post, read, std::nullopt);
+  }
+
+  std::shared_ptr<TQBleManager> manager;
+  std::shared_ptr<FakeCharacteristic> write;
+  std::shared_ptr<FakeCharacteristic> read;
+};
+
+}  // namespace tqble::test
