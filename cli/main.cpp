@@ -1,12 +1,35 @@
 // tqble: command-line tool for the TQBle SDK.
 #include <cstdio>
-#include <cstring>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "Subcommands.h"
+
+namespace {
+
+constexpr char kUsage[] =
+    "usage: tqble frame <command> [arguments] [--status N] [--rand N] [--time SECONDS]\n"
+    "       tqble decode <command> <hex>\n"
+    "       tqble demo\n";
+
+}  // namespace
 
 int main(int argc, char** argv) {
-  if (argc >= 2 && std::strcmp(argv[1], "demo") == 0) {
-    std::puts("tqble demo: the scripted session against the virtual charging post is not built yet.");
-    return 0;
+  if (argc < 2) {
+    std::fputs(kUsage, stderr);
+    return 2;
   }
-  std::fprintf(stderr, "usage: tqble demo\n");
+  const std::string name = argv[1];
+  const std::vector<std::string> args(argv + 2, argv + argc);
+  try {
+    if (name == "frame") return tqble::cli::runFrame(args);
+    if (name == "decode") return tqble::cli::runDecode(args);
+    if (name == "demo") return tqble::cli::runDemo(args);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "tqble %s: %s\n", name.c_str(), e.what());
+    return 1;
+  }
+  std::fprintf(stderr, "tqble: unknown subcommand '%s'\n%s", name.c_str(), kUsage);
   return 2;
 }

@@ -1,0 +1,5 @@
+#include "Subcommands.h"
+
+namespace tqble::cli {
+int runDecode(const std::vector<std::string>&) { return 2; }
+}  // namespace tqble::cli

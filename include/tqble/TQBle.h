@@ -1,0 +1,20 @@
+#pragma once
+
+// Everything public of the TQBle SDK.
+#include "tqble/AnswerDecoding.h"
+#include "tqble/BLESDKConst.h"
+#include "tqble/Models.h"
+#include "tqble/TQBleAPI.h"
+#include "tqble/TQBleManager.h"
+#include "tqble/TQBleManagerDelegate.h"
+#include "tqble/TQError.h"
+#include "tqble/ZConverTool.h"
+#include "tqble/ZDataCoverTool.h"
+#include "tqble/ZGeneralTool.h"
+#include "tqble/ble/CentralManager.h"
+#include "tqble/ble/Peripheral.h"
+#include "tqble/ble/UUID.h"
+#include "tqble/platform/Log.h"
+#include "tqble/platform/MainQueue.h"
+#include "tqble/platform/NotificationCenter.h"
+#include "tqble/platform/Value.h"
