@@ -1,0 +1,97 @@
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "tqble/platform/MainQueue.h"
+#include "tqble/platform/NotificationCenter.h"
+
+namespace tqble {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(MainQueue, VirtualClockRunsDelayedTasksInDueOrderWithoutSleeping) {
+  auto& queue = MainQueue::main();
+  queue.useVirtualClock();
+  const auto start = queue.now();
+  std::vector<std::string> order;
+  queue.asyncAfter(3s, [&] { order.push_back("3s"); });
+  queue.asyncAfter(1s, [&] {
+    order.push_back("1s");
+    queue.async([&] { order.push_back("queued by 1s"); });
+  });
+  queue.async([&] { order.push_back("now"); });
+  queue.asyncAfter(3s, [&] { order.push_back("3s second"); });
+
+  EXPECT_EQ(queue.runUntilIdle(), 1u) << "only the immediate task is due";
+  EXPECT_EQ(queue.runFor(2s), 2u);
+  EXPECT_EQ(queue.now() - start, 2s) << "the clock ends at the end of the span";
+  queue.runFor(1s);
+  EXPECT_EQ(order, (std::vector<std::string>{"now", "1s", "queued by 1s", "3s", "3s second"}));
+  EXPECT_EQ(queue.pending(), 0u);
+}
+
+TEST(MainQueue, RunUntilStopsAtTheConditionOrTheLimit) {
+  auto& queue = MainQueue::main();
+  queue.useVirtualClock();
+  const auto start = queue.now();
+  int ticks = 0;
+  std::function<void()> tick = [&] {
+    ++ticks;
+    queue.asyncAfter(100ms, tick);
+  };
+  queue.async(tick);
+  EXPECT_TRUE(queue.runUntil([&] { return ticks == 5; }, 10s));
+  EXPECT_EQ(queue.now() - start, 400ms);
+  EXPECT_FALSE(queue.runUntil([] { return false; }, 1s));
+  EXPECT_EQ(queue.now() - start, 1400ms);
+  queue.clear();
+}
+
+TEST(MainQueue, DelayedTasksKeepTheirRemainingDelayWhenTheClockTurnsVirtual) {
+  auto& queue = MainQueue::main();
+  bool ran = false;
+  queue.asyncAfter(5s, [&] { ran = true; });
+  queue.useVirtualClock();
+  queue.runFor(4s);
+  EXPECT_FALSE(ran);
+  queue.runFor(2s);
+  EXPECT_TRUE(ran);
+}
+
+TEST(MainQueue, RealClockRunTakesTasksHandedOverByOtherThreads) {
+  auto& queue = MainQueue::main();
+  int seen = 0;
+  std::thread backend([&] {
+    for (int i = 0; i < 3; ++i) queue.async([&] { ++seen; });
+    queue.async([&] { queue.stop(); });
+  });
+  queue.run();
+  backend.join();
+  EXPECT_EQ(seen, 3);
+}
+
+TEST(MainQueue, RealClockRunForWaitsForADelayedTask) {
+  auto& queue = MainQueue::main();
+  bool ran = false;
+  queue.asyncAfter(20ms, [&] { ran = true; });
+  EXPECT_TRUE(queue.runUntil([&] { return ran; }, 2s));
+}
+
+TEST(NotificationCenter, DeliversToObserversOfTheNameUntilRemoved) {
+  auto& center = NotificationCenter::defaultCenter();
+  std::vector<std::string> seen;
+  const auto named = center.addObserver("A", [&](const Notification& n) {
+    seen.push_back("named " + n.name + " " + std::to_string(std::get<std::int64_t>(n.userInfo.at("k"))));
+  });
+  const auto all = center.addObserver("", [&](const Notification& n) { seen.push_back("all " + n.name); });
+  center.post("A", nullptr, {{"k", Value{std::int64_t{5}}}});
+  center.post("B", nullptr, {});
+  center.removeObserver(named);
+  center.post("A", nullptr, {{"k", Value{std::int64_t{6}}}});
+  center.removeObserver(all);
+  EXPECT_EQ(seen, (std::vector<std::string>{"named A 5", "all A", "all B", "all A"}));
+}
+
+}  // namespace
+}  // namespace tqble
