@@ -38,8 +38,8 @@ class ZDataCoverTool {
   static std::string coverFromStringToHexStr(const std::string& text);
   /// Appends one space when the last space-separated group is exactly 8 characters.
   static std::string stringAppendSpace(const std::string& text);
-  /// Decodes hex pairs into a fixed 128-byte buffer, logging each byte.
-  /// @throws std::out_of_range on odd length.
+  /// Decodes hex pairs into a fixed 128-byte buffer (zero tail), logging each byte.
+  /// @throws std::out_of_range on odd length or more than 256 characters.
   static Bytes coverFromHexStrToData(const std::string& hex);
   /// Always the ASCII bytes of "123456789ABCDEFG" as "%02x " pieces; the argument is ignored.
   static std::string coverFromStringToAsciiStr(const std::string& text);
