@@ -1,5 +1,7 @@
 #include "platform/DateFormat.h"
 
+#include <unicode/calendar.h>
+#include <unicode/gregocal.h>
 #include <unicode/smpdtfmt.h>
 #include <unicode/timezone.h>
 #include <unicode/unistr.h>
@@ -41,9 +43,63 @@ std::optional<double> parseDate(const std::string& text, const std::string& patt
   return date / 1000.0;
 }
 
+namespace {
+
+std::function<double()>& nowSource() {
+  static std::function<double()> source;
+  return source;
+}
+
+}  // namespace
+
 double nowSeconds() {
+  if (nowSource()) return nowSource()();
   using namespace std::chrono;
   return duration<double>(system_clock::now().time_since_epoch()).count();
+}
+
+void setNowSource(std::function<double()> source) { nowSource() = std::move(source); }
+
+namespace {
+
+CalendarFields fieldsOf(icu::Calendar& calendar, double secondsSince1970) {
+  UErrorCode status = U_ZERO_ERROR;
+  calendar.setTime(static_cast<UDate>(secondsSince1970 * 1000.0), status);
+  CalendarFields fields;
+  fields.year = calendar.get(UCAL_YEAR, status);
+  fields.month = calendar.get(UCAL_MONTH, status) + 1;
+  fields.day = calendar.get(UCAL_DATE, status);
+  fields.hour = calendar.get(UCAL_HOUR_OF_DAY, status);
+  fields.minute = calendar.get(UCAL_MINUTE, status);
+  fields.second = calendar.get(UCAL_SECOND, status);
+  fields.weekOfYear = calendar.get(UCAL_WEEK_OF_YEAR, status);
+  return fields;
+}
+
+}  // namespace
+
+CalendarFields calendarFields(double secondsSince1970) {
+  UErrorCode status = U_ZERO_ERROR;
+  std::unique_ptr<icu::Calendar> calendar(icu::Calendar::createInstance(status));
+  if (U_FAILURE(status)) return {};
+  return fieldsOf(*calendar, secondsSince1970);
+}
+
+CalendarFields gregorianFields(double secondsSince1970) {
+  UErrorCode status = U_ZERO_ERROR;
+  icu::GregorianCalendar calendar(status);
+  if (U_FAILURE(status)) return {};
+  return fieldsOf(calendar, secondsSince1970);
+}
+
+double gregorianSeconds(std::int32_t year, std::int32_t month, std::int32_t day,
+                        std::int32_t hour, std::int32_t minute, std::int32_t second) {
+  UErrorCode status = U_ZERO_ERROR;
+  icu::GregorianCalendar calendar(status);
+  calendar.clear();
+  calendar.set(year, month - 1, day, hour, minute, second);
+  const UDate date = calendar.getTime(status);
+  return U_FAILURE(status) ? 0.0 : date / 1000.0;
 }
 
 void refreshTimeZone() {

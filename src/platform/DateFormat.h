@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -14,6 +16,25 @@ std::optional<double> parseDate(const std::string& text, const std::string& patt
 
 /// The current time as seconds since 1970.
 double nowSeconds();
+
+/// Replaces the wall clock read by nowSeconds(); an empty source restores the system clock.
+void setNowSource(std::function<double()> source);
+
+/// Calendar fields of an instant in the device's time zone.
+struct CalendarFields {
+  std::int32_t year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0, weekOfYear = 0;
+};
+
+/// The fields of `secondsSince1970` in the calendar of the device's locale.
+CalendarFields calendarFields(double secondsSince1970);
+
+/// The instant a Gregorian calendar in the device's time zone makes of the fields
+/// (lenient: an hour of 24 is midnight of the next day).
+double gregorianSeconds(std::int32_t year, std::int32_t month, std::int32_t day,
+                        std::int32_t hour, std::int32_t minute, std::int32_t second);
+
+/// Year, month and day of `secondsSince1970` in the Gregorian calendar.
+CalendarFields gregorianFields(double secondsSince1970);
 
 /// Re-reads the device's time zone (after TZ changed in the environment).
 void refreshTimeZone();
