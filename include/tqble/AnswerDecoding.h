@@ -30,6 +30,7 @@ TQBleChargingData chargingData(const Bytes& answer);
 TQBleSetResult setResult(const Bytes& answer);
 
 /// Charging history: 19-byte entries from byte 12; a trailing partial entry is ignored.
+/// @throws std::out_of_range when the answer is shorter than 12 bytes.
 std::vector<TQBleChargeHistory> chargingHistory(const Bytes& answer);
 
 /// Cumulative energy: body bytes 0-3, little-endian signed 32-bit.
@@ -37,7 +38,7 @@ std::vector<TQBleChargeHistory> chargingHistory(const Bytes& answer);
 std::int32_t cumulativeEnergy(const Bytes& answer);
 
 /// Error log: the count at byte 10 is trusted, 8-byte entries from byte 11.
-/// @throws std::out_of_range when the count exceeds the entries present.
+/// @throws std::out_of_range when shorter than 11 bytes or the count exceeds the entries.
 std::vector<TQBleErrorListLog> errorLog(const Bytes& answer);
 
 /// Running diagnostics.
