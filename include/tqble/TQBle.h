@@ -18,3 +18,4 @@
 #include "tqble/platform/MainQueue.h"
 #include "tqble/platform/NotificationCenter.h"
 #include "tqble/platform/Value.h"
+#include "tqble/sim/SimRadio.h"
