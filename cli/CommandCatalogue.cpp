@@ -1,0 +1,146 @@
+#include "CommandCatalogue.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+
+#include "tqble/ZDataCoverTool.h"
+#include "tqble/ble/CentralManager.h"
+#include "tqble/platform/Log.h"
+
+namespace tqble::cli {
+namespace {
+
+using Args = std::vector<std::int64_t>;
+
+// A command that takes only its completion handler.
+template <void (TQBleManager::*Operation)(const TQErrorHandler&)>
+void plain(TQBleManager& m, const Args&, const TQErrorHandler& error) {
+  (m.*Operation)(error);
+}
+
+class WriteCharacteristic : public ble::Characteristic {
+ public:
+  ble::UUID uuid() const override { return ble::UUID::fromString("FFF3"); }
+  std::uint64_t properties() const override { return ble::CharacteristicPropertyWriteWithoutResponse; }
+  Bytes value() const override { return {}; }
+  std::shared_ptr<ble::Service> service() const override { return {}; }
+};
+
+class NullCentral : public ble::CentralManager {
+ public:
+  std::int64_t state() const override { return ble::CentralManagerStatePoweredOn; }
+  void scanForPeripheralsWithServices(const std::vector<ble::UUID>&, const Dictionary&) override {}
+  void stopScan() override {}
+  void connectPeripheral(const std::shared_ptr<ble::Peripheral>&, const Dictionary&) override {}
+  void cancelPeripheralConnection(const std::shared_ptr<ble::Peripheral>&) override {}
+};
+
+}  // namespace
+
+class RecordingPost : public ble::Peripheral {
+ public:
+  std::string identifier() const override { return "tqble-cli"; }
+  std::string name() const override { return "recording post"; }
+  void setDelegate(std::weak_ptr<ble::PeripheralDelegate>) override {}
+  void discoverServices(const std::vector<ble::UUID>&) override {}
+  std::vector<std::shared_ptr<ble::Service>> services() const override { return {}; }
+  void discoverCharacteristics(const std::vector<ble::UUID>&,
+                               const std::shared_ptr<ble::Service>&) override {}
+  void readValueForCharacteristic(const std::shared_ptr<ble::Characteristic>&) override {}
+  void setNotifyValue(bool, const std::shared_ptr<ble::Characteristic>&) override {}
+  void writeValue(const Bytes& data, const std::shared_ptr<ble::Characteristic>&,
+                  ble::WriteType) override {
+    writes.push_back(data);
+  }
+  std::vector<Bytes> writes;
+};
+
+const std::vector<Command>& commands() {
+  static const std::vector<Command> kCommands = {
+      {"synchroTimeWithError", {}, AnswerKind::Result, plain<&TQBleManager::synchroTimeWithError>},
+      {"querySystemInfoWithError", {}, AnswerKind::SystemInfo,
+       plain<&TQBleManager::querySystemInfoWithError>},
+      {"setVolumeWithVolumeSize", {"volume"}, AnswerKind::Result,
+       [](TQBleManager& m, const Args& a, const TQErrorHandler& e) {
+         m.setVolumeWithVolumeSize(a[0], e);
+       }},
+      {"orderChargerWithStartHour", {"startHour", "startMinute", "endHour", "endMinute"},
+       AnswerKind::Result,
+       [](TQBleManager& m, const Args& a, const TQErrorHandler& e) {
+         m.orderChargerWithStartHour(a[0], a[1], a[2], a[3], e);
+       }},
+      {"startChargingWithError", {}, AnswerKind::Result, plain<&TQBleManager::startChargingWithError>},
+      {"queryChargerStateWithError", {}, AnswerKind::ChargerState,
+       plain<&TQBleManager::queryChargerStateWithError>},
+      {"stopChargeWithError", {}, AnswerKind::Result, plain<&TQBleManager::stopChargeWithError>},
+      // Answered with the charger-state layout: the manager decodes it so.
+      {"queryChargingDataWithError", {}, AnswerKind::ChargerState,
+       plain<&TQBleManager::queryChargingDataWithError>},
+      {"queryHistoryChargingListWithError", {}, AnswerKind::History,
+       plain<&TQBleManager::queryHistoryChargingListWithError>},
+      {"queryCumulationElecQuantityWithError", {}, AnswerKind::Energy,
+       plain<&TQBleManager::queryCumulationElecQuantityWithError>},
+      {"queryHistoryErrorLogListWithError", {}, AnswerKind::ErrorLog,
+       plain<&TQBleManager::queryHistoryErrorLogListWithError>},
+      {"runningDiagnosticInfoWithError", {}, AnswerKind::Diagnosis,
+       plain<&TQBleManager::runningDiagnosticInfoWithError>},
+  };
+  return kCommands;
+}
+
+const Command& findCommand(const std::string& name) {
+  for (const auto& command : commands()) {
+    if (name == command.name) return command;
+  }
+  throw UsageError("unknown command '" + name + "'");
+}
+
+RecordingStack::RecordingStack(bool log) {
+  if (!log) setLogSink([](std::string_view) {});
+  const bool first = TQBleManager::useCentralFactory(
+      [](std::weak_ptr<ble::CentralManagerDelegate>) { return std::make_shared<NullCentral>(); });
+  if (!first) throw std::runtime_error("the manager already exists");
+  manager_ = TQBleManager::shareManager();
+  post_ = std::make_shared<RecordingPost>();
+  // Connected and ready to write; nothing ever runs the query queued for later.
+  manager_->didConnectPeripheral(*manager_->centralManager(), post_);
+  manager_->setWriteCharacteristic(std::make_shared<WriteCharacteristic>());
+}
+
+const std::vector<Bytes>& RecordingStack::writes() const { return post_->writes; }
+
+Bytes parseHex(const std::string& text) {
+  std::string digits;
+  for (char c : text) {
+    const auto u = static_cast<unsigned char>(c);
+    if (std::isspace(u)) continue;
+    if (!std::isxdigit(u)) throw UsageError(std::string("not a hex digit: '") + c + "'");
+    digits.push_back(c);
+  }
+  if (digits.size() % 2) throw UsageError("odd number of hex digits (" + std::to_string(digits.size()) + ")");
+  return ZDataCoverTool::hexToBytes(digits);
+}
+
+std::string spacedHex(const Bytes& bytes) {
+  std::string text;
+  for (std::uint8_t byte : bytes) {
+    if (!text.empty()) text.push_back(' ');
+    text += ZDataCoverTool::coverFromIntToHex(byte);
+  }
+  return text;
+}
+
+std::int64_t parseInteger(const std::string& text, const std::string& what, std::int64_t min,
+                          std::int64_t max) {
+  std::int64_t value = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, value);
+  if (text.empty() || error != std::errc() || stop != end || value < min || value > max) {
+    throw UsageError(what + " must be an integer from " + std::to_string(min) + " to " +
+                     std::to_string(max) + ", not '" + text + "'");
+  }
+  return value;
+}
+
+}  // namespace tqble::cli
