@@ -22,7 +22,9 @@ void plain(TQBleManager& m, const Args&, const TQErrorHandler& error) {
 class WriteCharacteristic : public ble::Characteristic {
  public:
   ble::UUID uuid() const override { return ble::UUID::fromString("FFF3"); }
-  std::uint64_t properties() const override { return ble::CharacteristicPropertyWriteWithoutResponse; }
+  std::uint64_t properties() const override {
+    return ble::CharacteristicPropertyWriteWithoutResponse;
+  }
   Bytes value() const override { return {}; }
   std::shared_ptr<ble::Service> service() const override { return {}; }
 };
@@ -59,31 +61,51 @@ class RecordingPost : public ble::Peripheral {
 const std::vector<Command>& commands() {
   static const std::vector<Command> kCommands = {
       {"synchroTimeWithError", {}, AnswerKind::Result, plain<&TQBleManager::synchroTimeWithError>},
-      {"querySystemInfoWithError", {}, AnswerKind::SystemInfo,
+      {"querySystemInfoWithError",
+       {},
+       AnswerKind::SystemInfo,
        plain<&TQBleManager::querySystemInfoWithError>},
-      {"setVolumeWithVolumeSize", {"volume"}, AnswerKind::Result,
+      {"setVolumeWithVolumeSize",
+       {"volume"},
+       AnswerKind::Result,
        [](TQBleManager& m, const Args& a, const TQErrorHandler& e) {
          m.setVolumeWithVolumeSize(a[0], e);
        }},
-      {"orderChargerWithStartHour", {"startHour", "startMinute", "endHour", "endMinute"},
+      {"orderChargerWithStartHour",
+       {"startHour", "startMinute", "endHour", "endMinute"},
        AnswerKind::Result,
        [](TQBleManager& m, const Args& a, const TQErrorHandler& e) {
          m.orderChargerWithStartHour(a[0], a[1], a[2], a[3], e);
        }},
-      {"startChargingWithError", {}, AnswerKind::Result, plain<&TQBleManager::startChargingWithError>},
-      {"queryChargerStateWithError", {}, AnswerKind::ChargerState,
+      {"startChargingWithError",
+       {},
+       AnswerKind::Result,
+       plain<&TQBleManager::startChargingWithError>},
+      {"queryChargerStateWithError",
+       {},
+       AnswerKind::ChargerState,
        plain<&TQBleManager::queryChargerStateWithError>},
       {"stopChargeWithError", {}, AnswerKind::Result, plain<&TQBleManager::stopChargeWithError>},
       // Answered with the charger-state layout: the manager decodes it so.
-      {"queryChargingDataWithError", {}, AnswerKind::ChargerState,
+      {"queryChargingDataWithError",
+       {},
+       AnswerKind::ChargerState,
        plain<&TQBleManager::queryChargingDataWithError>},
-      {"queryHistoryChargingListWithError", {}, AnswerKind::History,
+      {"queryHistoryChargingListWithError",
+       {},
+       AnswerKind::History,
        plain<&TQBleManager::queryHistoryChargingListWithError>},
-      {"queryCumulationElecQuantityWithError", {}, AnswerKind::Energy,
+      {"queryCumulationElecQuantityWithError",
+       {},
+       AnswerKind::Energy,
        plain<&TQBleManager::queryCumulationElecQuantityWithError>},
-      {"queryHistoryErrorLogListWithError", {}, AnswerKind::ErrorLog,
+      {"queryHistoryErrorLogListWithError",
+       {},
+       AnswerKind::ErrorLog,
        plain<&TQBleManager::queryHistoryErrorLogListWithError>},
-      {"runningDiagnosticInfoWithError", {}, AnswerKind::Diagnosis,
+      {"runningDiagnosticInfoWithError",
+       {},
+       AnswerKind::Diagnosis,
        plain<&TQBleManager::runningDiagnosticInfoWithError>},
   };
   return kCommands;
@@ -108,7 +130,9 @@ RecordingStack::RecordingStack(bool log) {
   manager_->setWriteCharacteristic(std::make_shared<WriteCharacteristic>());
 }
 
-const std::vector<Bytes>& RecordingStack::writes() const { return post_->writes; }
+const std::vector<Bytes>& RecordingStack::writes() const {
+  return post_->writes;
+}
 
 Bytes parseHex(const std::string& text) {
   std::string digits;
@@ -118,7 +142,8 @@ Bytes parseHex(const std::string& text) {
     if (!std::isxdigit(u)) throw UsageError(std::string("not a hex digit: '") + c + "'");
     digits.push_back(c);
   }
-  if (digits.size() % 2) throw UsageError("odd number of hex digits (" + std::to_string(digits.size()) + ")");
+  if (digits.size() % 2)
+    throw UsageError("odd number of hex digits (" + std::to_string(digits.size()) + ")");
   return ZDataCoverTool::hexToBytes(digits);
 }
 

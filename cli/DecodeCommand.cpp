@@ -25,13 +25,18 @@ constexpr char kDecodeUsage[] =
     "  although the manager itself drops that answer unread. --log writes the decoder's\n"
     "  log lines to stderr.\n";
 
-Json text(const OptionalText& value) { return value ? Json(*value) : Json(nullptr); }
+Json text(const OptionalText& value) {
+  return value ? Json(*value) : Json(nullptr);
+}
 
 template <typename Record>
 Json chargeFields(const Record& r) {
-  return Json{{"serialNumber", text(r.serialNumber)}, {"elecQuantity", r.elecQuantity},
-              {"voltage", r.voltage},                 {"electric", r.electric},
-              {"duration", r.duration},               {"gunStatus", text(r.gunStatus)},
+  return Json{{"serialNumber", text(r.serialNumber)},
+              {"elecQuantity", r.elecQuantity},
+              {"voltage", r.voltage},
+              {"electric", r.electric},
+              {"duration", r.duration},
+              {"gunStatus", text(r.gunStatus)},
               {"failureReason", text(r.failureReason)}};
 }
 

@@ -65,7 +65,8 @@ int runFrame(const std::vector<std::string>& args) {
         if (values.size() == command.parameters.size()) {
           throw UsageError(std::string(command.name) + ": unexpected argument '" + arg + "'");
         }
-        values.push_back(parseInteger(arg, command.parameters[values.size()], INT64_MIN, INT64_MAX));
+        values.push_back(
+            parseInteger(arg, command.parameters[values.size()], INT64_MIN, INT64_MAX));
       }
     }
     if (values.size() < command.parameters.size()) {

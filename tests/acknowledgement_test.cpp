@@ -10,11 +10,15 @@ namespace {
 using test::hex;
 
 TEST(Acknowledgement, ReadsOnlyExactly01AsFailure) {
-  const std::pair<const char*, std::int64_t> cases[] = {
-      {"68 b0 00 00 01 00 00 00 00", 0}, {"68 b0 00 00 01 00 00 00 01", 1},
-      {"68 b0 00 00 01 00 00 00 02", 0}, {"68 b0 00 00 01 00 00 00 ff", 0},
-      {"68 b0 00 00 01 00 00 00 10", 0}, {"68 b0 00 00 02 00 00 00 01 00", 1},
-      {"68 b0 00 00 00 00 00 00", 1},    {"68 b0 00", 1}, {"", 1}};
+  const std::pair<const char*, std::int64_t> cases[] = {{"68 b0 00 00 01 00 00 00 00", 0},
+                                                        {"68 b0 00 00 01 00 00 00 01", 1},
+                                                        {"68 b0 00 00 01 00 00 00 02", 0},
+                                                        {"68 b0 00 00 01 00 00 00 ff", 0},
+                                                        {"68 b0 00 00 01 00 00 00 10", 0},
+                                                        {"68 b0 00 00 02 00 00 00 01 00", 1},
+                                                        {"68 b0 00 00 00 00 00 00", 1},
+                                                        {"68 b0 00", 1},
+                                                        {"", 1}};
   for (const auto& [frame, type] : cases) {
     EXPECT_EQ(decode::setResult(hex(frame)).resultType, type) << frame;
   }
@@ -24,8 +28,9 @@ TEST(Acknowledgement, EveryForwardingDecoderStoresTheSameResult) {
   test::FakeStack stack;
   auto& m = *stack.manager;
   using Decoder = void (TQBleManager::*)(const Bytes&);
-  for (Decoder decoder : {&TQBleManager::analysisSynchroTime, &TQBleManager::analysisSetVolume,
-                          &TQBleManager::analysisChargingOrderTime, &TQBleManager::analysisCharging}) {
+  for (Decoder decoder :
+       {&TQBleManager::analysisSynchroTime, &TQBleManager::analysisSetVolume,
+        &TQBleManager::analysisChargingOrderTime, &TQBleManager::analysisCharging}) {
     m.setDataModel(nullptr);
     (m.*decoder)(hex("68 b2 00 00 01 00 00 00 01"));
     ASSERT_NE(m.dataModel()->result, nullptr);
@@ -44,7 +49,8 @@ TEST(Acknowledgement, AVolumeRefusalReachesTheDelegate) {
   std::vector<std::int64_t> seen;
   auto delegate = std::make_shared<TQBleManagerDelegate>();
   delegate->didUpdateValueForCharacteristicValue =
-      [&seen](TQBleManager&, const std::shared_ptr<TQBleDataModel>& model, const std::optional<TQError>&) {
+      [&seen](TQBleManager&, const std::shared_ptr<TQBleDataModel>& model,
+              const std::optional<TQError>&) {
         seen.push_back(model->result ? model->result->resultType : -1);
       };
   stack.manager->setDelegate(delegate);

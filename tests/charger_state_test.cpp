@@ -15,8 +15,8 @@ using test::hex;
 constexpr char kHeader[] = "68 b5 00 00 12 00 00 00 | ";
 
 TEST(StateAnswer, ReadsLittleEndianFieldsOfTheFullAnswer) {
-  const auto data = decode::chargerState(
-      hex(std::string(kHeader) + "06 | 01 02 03 04 | e8 03 | 5c 08 00 00 | 10 00 | 3c 00 00 00 | 00"));
+  const auto data = decode::chargerState(hex(
+      std::string(kHeader) + "06 | 01 02 03 04 | e8 03 | 5c 08 00 00 | 10 00 | 3c 00 00 00 | 00"));
   EXPECT_EQ(data.gunStatus, "正在充电中");
   EXPECT_EQ(data.serialNumber, "1234");
   EXPECT_EQ(data.elecQuantity, 1000u);
@@ -27,25 +27,27 @@ TEST(StateAnswer, ReadsLittleEndianFieldsOfTheFullAnswer) {
 }
 
 TEST(StateAnswer, KeepsEnergyVoltageAndCurrentAtFullWidthButSignExtendsTheDuration) {
-  const auto data = decode::chargerState(
-      hex(std::string(kHeader) + "01 | 00 00 00 00 | ff ff | ff ff ff ff | ff ff | ff ff ff ff | 00"));
+  const auto data = decode::chargerState(hex(
+      std::string(kHeader) + "01 | 00 00 00 00 | ff ff | ff ff ff ff | ff ff | ff ff ff ff | 00"));
   EXPECT_EQ(data.gunStatus, "未知");
   EXPECT_EQ(data.serialNumber, "0000");
   EXPECT_EQ(data.elecQuantity, 0xffffu);
   EXPECT_EQ(data.voltage, 0xffffffffu);
   EXPECT_EQ(data.electric, 0xffffu);
   EXPECT_EQ(data.duration, UINT64_MAX);
-  const auto max = decode::chargerState(
-      hex(std::string(kHeader) + "06 | 00 00 00 00 | 00 00 | 00 00 00 00 | 00 00 | ff ff ff 7f | 00"));
+  const auto max = decode::chargerState(hex(
+      std::string(kHeader) + "06 | 00 00 00 00 | 00 00 | 00 00 00 00 | 00 00 | ff ff ff 7f | 00"));
   EXPECT_EQ(max.duration, 2147483647u);
 }
 
 TEST(StateAnswer, ReadsTheFaultCodeOfTheShortAnswerAsBigEndianText) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"06 00 04 00", "过流"},     {"06 00 08 00", "过压"},
-      {"00 00 10 00", "欠压"},     {"00 01 00 00", "急停按下"},
-      {"00 00 0c 00", "暂未定义错误类型"}, {"00 04 00 00", "暂未定义错误类型"},
-      {"00 00 00 00", "暂未定义错误类型"}};
+  const std::pair<const char*, const char*> cases[] = {{"06 00 04 00", "过流"},
+                                                       {"06 00 08 00", "过压"},
+                                                       {"00 00 10 00", "欠压"},
+                                                       {"00 01 00 00", "急停按下"},
+                                                       {"00 00 0c 00", "暂未定义错误类型"},
+                                                       {"00 04 00 00", "暂未定义错误类型"},
+                                                       {"00 00 00 00", "暂未定义错误类型"}};
   for (const auto& [body, reason] : cases) {
     const auto data = decode::chargerState(hex(std::string("68 b5 00 00 04 00 00 00 ") + body));
     EXPECT_EQ(data.failureReason, reason) << body;
@@ -66,9 +68,9 @@ TEST(StateAnswer, SetsNoFieldForAnyOtherLength) {
 
 TEST(LiveChargingData, ReadsBigEndianFieldsCutToSigned32Bits) {
   test::LogCapture log;
-  const Bytes frame = hex(
-      "68 b5 00 00 18 00 00 00 | 11 11 11 11 | 22 22 22 22 | 01 00 0c 22 | 03 e8 | 00 00 08 5c"
-      " | 00 10 | ff ff ff ff");
+  const Bytes frame =
+      hex("68 b5 00 00 18 00 00 00 | 11 11 11 11 | 22 22 22 22 | 01 00 0c 22 | 03 e8 | 00 00 08 5c"
+          " | 00 10 | ff ff ff ff");
   const auto data = decode::chargingData(frame);
   EXPECT_EQ(data.serialNumber, "101234");
   EXPECT_EQ(data.elecQuantity, 1000u) << "the state answer reads the same bytes as 59395";
@@ -76,7 +78,9 @@ TEST(LiveChargingData, ReadsBigEndianFieldsCutToSigned32Bits) {
   EXPECT_EQ(data.electric, 16u);
   EXPECT_EQ(data.duration, UINT64_MAX);
   EXPECT_EQ(data.gunStatus, std::nullopt);
-  const std::string text = "68b50000180000001111111122222222" "01000c2203e80000085c0010ffffffff";
+  const std::string text =
+      "68b50000180000001111111122222222"
+      "01000c2203e80000085c0010ffffffff";
   EXPECT_EQ(log.lines, std::vector<std::string>{"解析的充电中的数据 " + text + "    ++  64"});
 }
 
@@ -90,7 +94,8 @@ TEST(LiveChargingData, SignExtendsA32BitVoltageAndRejectsAShortAnswer) {
 TEST(StateDecoder, StoresTheRecordEvenWhenTheLengthIsWrong) {
   test::FakeStack stack;
   auto& m = *stack.manager;
-  m.analysisQueryState(hex(std::string(kHeader) + "06 01 02 03 04 e8 03 5c 08 00 00 10 00 3c 00 00 00 00"));
+  m.analysisQueryState(
+      hex(std::string(kHeader) + "06 01 02 03 04 e8 03 5c 08 00 00 10 00 3c 00 00 00 00"));
   ASSERT_NE(m.dataModel()->chargingData, nullptr);
   EXPECT_EQ(m.dataModel()->chargingData->elecQuantity, 1000u);
   m.analysisQueryState(Bytes(20, 0x06));
@@ -125,11 +130,11 @@ TEST(StartAndStop, AStopAnswerSayingFailureStillReportsSuccess) {
   auto post = stack.connectReadyPost();
   std::int64_t seen = -1;
   auto delegate = std::make_shared<TQBleManagerDelegate>();
-  delegate->didUpdateValueForCharacteristicValue = [&seen](TQBleManager&,
-                                                           const std::shared_ptr<TQBleDataModel>& model,
-                                                           const std::optional<TQError>&) {
-    if (model->result) seen = model->result->resultType;
-  };
+  delegate->didUpdateValueForCharacteristicValue =
+      [&seen](TQBleManager&, const std::shared_ptr<TQBleDataModel>& model,
+              const std::optional<TQError>&) {
+        if (model->result) seen = model->result->resultType;
+      };
   stack.manager->setDelegate(delegate);
   stack.manager->stopChargeWithError(nullptr);
   stack.notify(post, hex("68 b6 01 00 01 00 00 00 01"));
@@ -138,9 +143,13 @@ TEST(StartAndStop, AStopAnswerSayingFailureStillReportsSuccess) {
 
 TEST(ByteOrderReversal, SwapsWholePairsAndDropsAnOddTail) {
   test::FakeStack stack;
-  const std::pair<const char*, const char*> cases[] = {
-      {"", ""}, {"a", "a"}, {"ab", "ab"}, {"abc", "ab"}, {"1234", "3412"},
-      {"abcde", "cdab"}, {"0a0b0c0d", "0d0c0b0a"}};
+  const std::pair<const char*, const char*> cases[] = {{"", ""},
+                                                       {"a", "a"},
+                                                       {"ab", "ab"},
+                                                       {"abc", "ab"},
+                                                       {"1234", "3412"},
+                                                       {"abcde", "cdab"},
+                                                       {"0a0b0c0d", "0d0c0b0a"}};
   for (const auto& [in, out] : cases) {
     EXPECT_EQ(stack.manager->coverHeightToLowWithHexStr(in), out) << in;
   }

@@ -24,7 +24,8 @@ Outcome tqble(const std::string& arguments) {
   FILE* pipe = popen(command.c_str(), "r");
   if (!pipe) return run;
   char buffer[4096];
-  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) run.out.append(buffer, n);
+  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+    run.out.append(buffer, n);
   const int wait = pclose(pipe);
   run.status = WIFEXITED(wait) ? WEXITSTATUS(wait) : -1;
   std::ostringstream err;
@@ -56,9 +57,13 @@ TEST(FrameCommand, RejectsBadCommandLinesWithOneLine) {
   const std::pair<const char*, const char*> cases[] = {
       {"frame launchRocket", "tqble frame: unknown command 'launchRocket'\n"},
       {"frame setVolumeWithVolumeSize", "tqble frame: setVolumeWithVolumeSize: missing <volume>\n"},
-      {"frame setVolumeWithVolumeSize 3x", "tqble frame: volume must be an integer from -9223372036854775808 to 9223372036854775807, not '3x'\n"},
-      {"frame stopChargeWithError 1", "tqble frame: stopChargeWithError: unexpected argument '1'\n"},
-      {"frame stopChargeWithError --rand 256", "tqble frame: --rand must be an integer from 0 to 255, not '256'\n"},
+      {"frame setVolumeWithVolumeSize 3x",
+       "tqble frame: volume must be an integer from -9223372036854775808 to 9223372036854775807, "
+       "not '3x'\n"},
+      {"frame stopChargeWithError 1",
+       "tqble frame: stopChargeWithError: unexpected argument '1'\n"},
+      {"frame stopChargeWithError --rand 256",
+       "tqble frame: --rand must be an integer from 0 to 255, not '256'\n"},
       {"frame stopChargeWithError --status", "tqble frame: --status needs a value\n"},
   };
   for (const auto& [arguments, message] : cases) {
@@ -71,7 +76,8 @@ TEST(FrameCommand, RejectsBadCommandLinesWithOneLine) {
 
 TEST(DecodeCommand, ReadsLiveDataAnswersAsChargerStateLikeTheManager) {
   const Outcome run = tqble(
-      "decode queryChargingDataWithError '68 b5 00 00 12 00 00 00 06 01 02 03 04 e8 03 5c 08 00 00 10 00 3c 00 00 00 00'");
+      "decode queryChargingDataWithError '68 b5 00 00 12 00 00 00 06 01 02 03 04 e8 03 5c 08 00 00 "
+      "10 00 3c 00 00 00 00'");
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.out,
             "{\n  \"serialNumber\": \"1234\",\n  \"elecQuantity\": 1000,\n  \"voltage\": 2140,\n"
@@ -81,8 +87,10 @@ TEST(DecodeCommand, ReadsLiveDataAnswersAsChargerStateLikeTheManager) {
 }
 
 TEST(DecodeCommand, ReportsStopAsSuccessWhateverTheAnswerSays) {
-  EXPECT_EQ(tqble("decode stopChargeWithError 68b600000100000001").out, "{\n  \"resultType\": 0\n}\n");
-  EXPECT_EQ(tqble("decode startChargingWithError 68 b4 00 00 01 00 00 00 01").out, "{\n  \"resultType\": 1\n}\n");
+  EXPECT_EQ(tqble("decode stopChargeWithError 68b600000100000001").out,
+            "{\n  \"resultType\": 0\n}\n");
+  EXPECT_EQ(tqble("decode startChargingWithError 68 b4 00 00 01 00 00 00 01").out,
+            "{\n  \"resultType\": 1\n}\n");
   EXPECT_EQ(tqble("decode synchroTimeWithError ''").out, "{\n  \"resultType\": 1\n}\n");
 }
 
@@ -92,12 +100,15 @@ TEST(DecodeCommand, PrintsListsAndTheTenSystemRows) {
       " 00 00 30 39 00 64 00 00 00 00 10 0e 00 00 10 0e 00 00 00'");
   EXPECT_NE(history.out.find("\"serialNumber\": \"12345\""), std::string::npos) << history.out;
   EXPECT_NE(history.out.find("\"endTime\": \"1970-01-01 01:00:00\""), std::string::npos);
-  EXPECT_EQ(tqble("decode queryHistoryErrorLogListWithError '68 34 00 00 00 00 00 00 00 00 00'").out, "[]\n");
+  EXPECT_EQ(
+      tqble("decode queryHistoryErrorLogListWithError '68 34 00 00 00 00 00 00 00 00 00'").out,
+      "[]\n");
 
   const Outcome info = tqble("decode querySystemInfoWithError 68b1" + std::string(54, '0') + "66" +
-                         std::string(72, '0') + "08 --log");
+                             std::string(72, '0') + "08 --log");
   EXPECT_EQ(info.status, 0) << info.err;
-  EXPECT_NE(info.out.find("\"title\": \"厂商\",\n    \"content\": \"Velmora\""), std::string::npos) << info.out;
+  EXPECT_NE(info.out.find("\"title\": \"厂商\",\n    \"content\": \"Velmora\""), std::string::npos)
+      << info.out;
   EXPECT_NE(info.out.find("\"content\": \"充电结束未拔枪\""), std::string::npos);
   EXPECT_EQ(info.err, "桩号:  00000000000000000000\n获取的音量大小: 00\n充电模式: 00\n");
 }
@@ -113,12 +124,18 @@ TEST(DecodeCommand, PrintsTheDiagnosticsTheManagerDrops) {
 TEST(DecodeCommand, TurnsRangeErrorsAndBadInputIntoOneLineAndAFailure) {
   const std::tuple<const char*, int, const char*> cases[] = {
       {"decode queryCumulationElecQuantityWithError '68 b8 00 00 05 00 00 00 10 27'", 1,
-       "tqble decode: the answer is too short for queryCumulationElecQuantityWithError: range {16, 8} out of bounds; length 20\n"},
-      {"decode queryHistoryErrorLogListWithError '68 34 00 00 00 00 00 00 00 00 02 00 00 00 00 01 00 00 00'", 1,
-       "tqble decode: the answer is too short for queryHistoryErrorLogListWithError: range {16, 8} out of bounds; length 16\n"},
+       "tqble decode: the answer is too short for queryCumulationElecQuantityWithError: range {16, "
+       "8} out of bounds; length 20\n"},
+      {"decode queryHistoryErrorLogListWithError '68 34 00 00 00 00 00 00 00 00 02 00 00 00 00 01 "
+       "00 00 00'",
+       1,
+       "tqble decode: the answer is too short for queryHistoryErrorLogListWithError: range {16, 8} "
+       "out of bounds; length 16\n"},
       {"decode queryChargerStateWithError 6g", 2, "tqble decode: not a hex digit: 'g'\n"},
-      {"decode queryChargerStateWithError 'ab c'", 2, "tqble decode: odd number of hex digits (3)\n"},
-      {"decode queryChargerStateWithError", 2, "tqble decode: queryChargerStateWithError: missing <hex>\n"},
+      {"decode queryChargerStateWithError 'ab c'", 2,
+       "tqble decode: odd number of hex digits (3)\n"},
+      {"decode queryChargerStateWithError", 2,
+       "tqble decode: queryChargerStateWithError: missing <hex>\n"},
       {"decode chargeFaster 00", 2, "tqble decode: unknown command 'chargeFaster'\n"},
   };
   for (const auto& [arguments, status, message] : cases) {

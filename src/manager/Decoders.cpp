@@ -25,7 +25,9 @@ void TQBleManager::analysisQueryChargingData(const Bytes& data) {
   dataModel()->chargingData = std::make_shared<TQBleChargingData>(decode::chargingData(data));
 }
 
-void TQBleManager::analysisCharging(const Bytes& data) { analysisSynchroTime(data); }
+void TQBleManager::analysisCharging(const Bytes& data) {
+  analysisSynchroTime(data);
+}
 
 void TQBleManager::analysisStopCharge() {
   // The post's answer is not read: stopping is always reported as done.
@@ -62,8 +64,12 @@ void TQBleManager::analysisSynchroTime(const Bytes& data) {
   dataModel()->result = std::make_shared<TQBleSetResult>(decode::setResult(data));
 }
 
-void TQBleManager::analysisSetVolume(const Bytes& data) { analysisSynchroTime(data); }
+void TQBleManager::analysisSetVolume(const Bytes& data) {
+  analysisSynchroTime(data);
+}
 
-void TQBleManager::analysisChargingOrderTime(const Bytes& data) { analysisSynchroTime(data); }
+void TQBleManager::analysisChargingOrderTime(const Bytes& data) {
+  analysisSynchroTime(data);
+}
 
 }  // namespace tqble

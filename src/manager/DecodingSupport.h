@@ -1,17 +1,16 @@
 #pragma once
 
-// What the answer decoders share: fixed-position field reads on the answer's hex text,
-// table look-ups and printf-style texts. Positions are hex characters (frame byte k is
-// at 2k), as the decoders document their layouts.
+// What the answer decoders share: fixed-position field reads on the answer's hex text
+// and table look-ups. Positions are hex characters (frame byte k is at 2k), as the
+// decoders document their layouts.
 
-#include <cstdarg>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include "platform/Text.h"
+#include "tools/Printf.h"
 #include "tqble/ZConverTool.h"
 #include "tqble/ZDataCoverTool.h"
 
@@ -53,22 +52,9 @@ const char* lookup(const std::pair<Key, const char*> (&table)[N], const Key& key
   return fallback;
 }
 
-/// printf into a std::string.
-inline std::string formatted(const char* format, ...) __attribute__((format(printf, 1, 2)));
-inline std::string formatted(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  va_list copy;
-  va_copy(copy, args);
-  const int length = std::vsnprintf(nullptr, 0, format, copy);
-  va_end(copy);
-  std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
-  if (length > 0) std::vsnprintf(text.data(), text.size() + 1, format, args);
-  va_end(args);
-  return text;
-}
-
 /// %llu wants unsigned long long; std::uint64_t is unsigned long on LP64.
-inline unsigned long long ull(std::uint64_t value) { return value; }
+inline unsigned long long ull(std::uint64_t value) {
+  return value;
+}
 
 }  // namespace tqble::detail

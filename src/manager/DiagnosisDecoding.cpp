@@ -8,12 +8,12 @@ namespace {
 
 using Table = std::pair<std::uint64_t, const char*>;
 
-const Table kChargeStates[] = {{0, "空闲"},     {1, "枪已连车"}, {2, "定时预约中"},
-                               {3, "充电中"},   {4, "充电等待中"}, {5, "充电完成"}};
+const Table kChargeStates[] = {{0, "空闲"},   {1, "枪已连车"},   {2, "定时预约中"},
+                               {3, "充电中"}, {4, "充电等待中"}, {5, "充电完成"}};
 // Single bits; a combination is not decoded.
 const Table kErrors[] = {{0, "无错误信息"}, {1, "急停"}, {2, "过压"}, {4, "欠压"}, {8, "过流"}};
-const Table kNetworkStates[] = {{0, "网络已连接"}, {1, "网络连接中"}, {2, "服务注册中"},
-                                {3, "无网络"},     {4, "重启网络"}};
+const Table kNetworkStates[] = {
+    {0, "网络已连接"}, {1, "网络连接中"}, {2, "服务注册中"}, {3, "无网络"}, {4, "重启网络"}};
 const std::pair<std::string, const char*> kCurrentRatings[] = {{"00", "16A"}, {"01", "32A"}};
 
 // Chooses, logs and returns the text for the byte at `from`.
@@ -29,7 +29,6 @@ std::string loggedText(const std::string& hex, std::size_t from, const Table (&t
 
 TQBleRunDiagnosticInfo runningDiagnosis(const Bytes& answer) {
   using detail::cut;
-  using detail::formatted;
   using detail::hexField;
   using detail::ull;
   const std::string hex = ZDataCoverTool::coverFromDataToHexStr(answer);
@@ -38,10 +37,11 @@ TQBleRunDiagnosticInfo runningDiagnosis(const Bytes& answer) {
 
   // The mode is stored as its number; immediate, timed and none are the app's to name.
   info.startMode = static_cast<std::int64_t>(hexField(hex, 84, 2));
-  info.startTime = formatted("%02llu : %02llu", ull(hexField(hex, 86, 2)), ull(hexField(hex, 88, 2)));
+  info.startTime =
+      detail::printf("%02llu : %02llu", ull(hexField(hex, 86, 2)), ull(hexField(hex, 88, 2)));
   info.chargeState = loggedText(hex, 76, kChargeStates, "没有充电类型");
   info.errorInfo = loggedText(hex, 78, kErrors, "其它未知错误");
-  info.voltage = formatted("%lluV", ull(hexField(hex, 80, 2)));
+  info.voltage = detail::printf("%lluV", ull(hexField(hex, 80, 2)));
   info.elec = detail::lookup(kCurrentRatings, cut(hex, 94, 2), "--");
   info.netConnectState = loggedText(hex, 96, kNetworkStates, "其它异常状态");
 
@@ -63,8 +63,8 @@ TQBleRunDiagnosticInfo runningDiagnosis(const Bytes& answer) {
   // The app gets the raw digits of these two, not a text.
   info.screenWorkingState = cut(hex, 104, 2);
   info.elecLockState = cut(hex, 106, 2);
-  info.versionNum = formatted("V%llu.%llu.%llu", ull(hexField(hex, 56, 2)),
-                              ull(hexField(hex, 58, 2)), ull(hexField(hex, 60, 2)));
+  info.versionNum = detail::printf("V%llu.%llu.%llu", ull(hexField(hex, 56, 2)),
+                                   ull(hexField(hex, 58, 2)), ull(hexField(hex, 60, 2)));
   return info;
 }
 

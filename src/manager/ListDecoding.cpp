@@ -22,7 +22,7 @@ std::vector<TQBleChargeHistory> chargingHistory(const Bytes& answer) {
   std::vector<TQBleChargeHistory> list;
   for (std::uint32_t i = 0; i < count; ++i) {
     const std::size_t at = i * static_cast<std::uint32_t>(kHistoryEntryChars);
-    const auto serial = detail::formatted("%llu", detail::ull(hexField(rest, at, 8)));
+    const auto serial = detail::printf("%llu", detail::ull(hexField(rest, at, 8)));
     const std::uint64_t energy = hexField(rest, at + 8, 4);
     const std::string start = detail::postTimeAt(rest, at + 12);
     const std::string end = detail::postTimeAt(rest, at + 20);

@@ -20,7 +20,8 @@ const char* gunStatusOf(const std::string& hex) {
 }
 
 std::uint64_t littleEndian(const std::string& hex, std::size_t from, std::size_t length) {
-  return ZDataCoverTool::coverFromHexStrToInt(detail::reverseBytePairs(detail::cut(hex, from, length)));
+  return ZDataCoverTool::coverFromHexStrToInt(
+      detail::reverseBytePairs(detail::cut(hex, from, length)));
 }
 
 }  // namespace
