@@ -52,7 +52,7 @@ TQBleChargingData chargingData(const Bytes& answer) {
   using detail::widen32;
   const std::string hex = ZDataCoverTool::coverFromDataToHexStr(answer);
   TQLog("解析的充电中的数据 %s    ++  %ld", hex.c_str(), static_cast<long>(hex.size()));
-  cut(hex, 16, 8);  // read by the post's firmware, not by the app
+  cut(hex, 16, 8);  // part of the layout, not used
   const auto serial = ZDataCoverTool::coverFromHexStringToStr(cut(hex, 32, 8));
   const std::uint64_t energy = widen32(hexField(hex, 40, 4));
   const std::uint64_t voltage = widen32(hexField(hex, 44, 8));
