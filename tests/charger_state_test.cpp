@@ -114,17 +114,6 @@ TEST(StateDecoder, LeavesTheModelAloneWhenLiveDataIsTooShort) {
   EXPECT_EQ(m.dataModel()->chargingData, nullptr);
 }
 
-TEST(StartAndStop, StartIsAnAcknowledgementAndStopIsAlwaysSuccess) {
-  test::FakeStack stack;
-  auto& m = *stack.manager;
-  m.analysisCharging(hex("68 b4 00 00 01 00 00 00 01"));
-  EXPECT_EQ(m.dataModel()->result->resultType, 1);
-  m.analysisCharging(hex("68 b4 00 00"));
-  EXPECT_EQ(m.dataModel()->result->resultType, 1);
-  m.analysisStopCharge();
-  EXPECT_EQ(m.dataModel()->result->resultType, 0);
-}
-
 TEST(StartAndStop, AStopAnswerSayingFailureStillReportsSuccess) {
   test::FakeStack stack;
   auto post = stack.connectReadyPost();
