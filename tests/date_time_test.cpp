@@ -11,267 +11,167 @@
 namespace tqble {
 namespace {
 
-constexpr std::int64_t kNow = 1'700'000'000;  // 2023-11-14 22:13:20 UTC
+constexpr std::int64_t kNow = 1'700'000'000;            // 2023-11-14 22:13:20 UTC
+constexpr std::int64_t kLastDayOf2020 = 1'609'372'800;  // already in week-year 2021
 constexpr std::int64_t kHour = 3600;
 constexpr std::int64_t kDay = 86400;
+using G = ZGeneralTool;
+using C = ZConverTool;
 
-void useTimeZone(const char* tz) {
-  ::setenv("TZ", tz, 1);
-  detail::refreshTimeZone();
-}
-
-// Pins the wall clock and the device's time zone for one test.
+// Pins the wall clock and the device's time zone; both are restored after each test.
 class DeviceClock : public testing::Test {
  protected:
-  void TearDown() override {
-    detail::setNowSource(nullptr);
-    useTimeZone("UTC");
-  }
+  void TearDown() override { at(-1, "UTC"); }
   static void at(double seconds, const char* tz = "UTC") {
-    useTimeZone(tz);
-    detail::setNowSource([seconds] { return seconds; });
+    ::setenv("TZ", tz, 1);
+    detail::refreshTimeZone();
+    detail::setNowSource(seconds < 0 ? std::function<double()>{} : [seconds] { return seconds; });
   }
 };
 
-struct DateTextCase {
-  const char* tz;
-  const char* day;          // coverToDatematterFromTimeInterval and converYearmonth
-  const char* dayMinute;    // coverToDateMinitematterFromTimeInterval
-  const char* monthDayTime; // timeStr
-  const char* clock;        // finishTimeStr
-  const char* monthDay;     // startTimeWith
-};
-
-TEST_F(DeviceClock, DateTextsUseTheExactPatternsInTheDevicesTimeZone) {
-  const DateTextCase cases[] = {
-      {"UTC", "2023-11-14", "2023-11-14 22:13", "11月14日 22:13", "22:13", "11月14日"},
-      {"Asia/Shanghai", "2023-11-15", "2023-11-15 06:13", "11月15日 06:13", "06:13", "11月15日"},
+TEST_F(DeviceClock, DateTextsUseTheExactPatternsAndTheCalendarYearInTheDevicesTimeZone) {
+  const std::tuple<const char*, std::int64_t, const char*> cases[] = {
+      {"UTC", kNow, "2023-11-14|2023-11-14|2023-11-14 22:13|11月14日 22:13|22:13|11月14日"},
+      {"Asia/Shanghai", kNow,
+       "2023-11-15|2023-11-15|2023-11-15 06:13|11月15日 06:13|06:13|11月15日"},
+      {"UTC", kLastDayOf2020,
+       "2020-12-31|2020-12-31|2020-12-31 00:00|12月31日 00:00|00:00|12月31日"},
   };
-  for (const auto& c : cases) {
-    useTimeZone(c.tz);
-    EXPECT_EQ(ZGeneralTool::coverToDatematterFromTimeInterval(kNow), c.day) << c.tz;
-    EXPECT_EQ(ZConverTool::converYearmonth(kNow), c.day) << c.tz;
-    EXPECT_EQ(ZGeneralTool::coverToDateMinitematterFromTimeInterval(kNow), c.dayMinute) << c.tz;
-    EXPECT_EQ(ZConverTool::timeStr(kNow + 0.9), c.monthDayTime) << c.tz;
-    EXPECT_EQ(ZConverTool::finishTimeStr(kNow), c.clock) << c.tz;
-    EXPECT_EQ(ZConverTool::startTimeWith(static_cast<std::int32_t>(kNow)), c.monthDay) << c.tz;
+  for (const auto& [tz, t, texts] : cases) {
+    at(0, tz);
+    EXPECT_EQ(G::coverToDatematterFromTimeInterval(t) + "|" + C::converYearmonth(t) + "|" +
+                  G::coverToDateMinitematterFromTimeInterval(t) + "|" + C::timeStr(t + 0.9) + "|" +
+                  C::finishTimeStr(t) + "|" + C::startTimeWith(static_cast<std::int32_t>(t)),
+              texts);
   }
 }
 
-TEST_F(DeviceClock, DayTextsUseTheCalendarYearAtTheTurnOfTheYear) {
-  at(0);
-  const std::int64_t lastDayOf2020 = 1'609'372'800;
-  EXPECT_EQ(ZGeneralTool::coverToDatematterFromTimeInterval(lastDayOf2020), "2020-12-31");
-  EXPECT_EQ(ZConverTool::converYearmonth(lastDayOf2020), "2020-12-31");
-}
-
-struct RelativeCase {
-  std::int64_t offset;  // date minus now, in seconds
-  const char* tz;
-  const char* label;
-};
-
-TEST_F(DeviceClock, RelativeLabelsFollowTheOneDayRuleAndTheCalendarDay) {
-  const RelativeCase cases[] = {
-      {-kHour, "UTC", "今天"},
-      {-23 * kHour, "UTC", "昨天"},           // previous calendar day, within a day
-      {-kDay, "UTC", "昨天"},                 // exactly one day still counts as within
-      {20 * kHour, "UTC", "昨天"},            // the future on another day reads "yesterday"
-      {kHour, "UTC", "今天"},
-      {-30 * kHour, "UTC", "11月13日"},       // older than a day, same year
-      {-365 * kDay, "UTC", "2022年11月14日"},
-      // 22:13 UTC is 06:13 the next morning in Shanghai, so seven hours back is yesterday.
-      {-7 * kHour, "UTC", "今天"},
-      {-7 * kHour, "Asia/Shanghai", "昨天"},
+TEST_F(DeviceClock, RelativeLabelsFollowTheOneDayRuleTheCalendarDayAndTheCalendarYear) {
+  // Offsets are the date minus now; 2020-12-31 lies in week-year 2021 but calendar year 2020.
+  const std::int64_t jan2 = 1'609'588'800;  // 2021-01-02 12:00 UTC
+  const std::tuple<std::int64_t, std::int64_t, const char*, const char*> cases[] = {
+      {kNow, -23 * kHour, "UTC", "昨天"},  // previous calendar day, within a day
+      {kNow, -kDay, "UTC", "昨天"},        // exactly one day still counts as within
+      {kNow, 20 * kHour, "UTC", "昨天"},   // the future on another day reads "yesterday"
+      {kNow, -30 * kHour, "UTC", "11月13日"},
+      {kNow, -365 * kDay, "UTC", "2022年11月14日"},
+      {kNow, -7 * kHour, "UTC", "今天"},
+      {kNow, -7 * kHour, "Asia/Shanghai", "昨天"},  // 06:13 on the next morning there
+      {jan2, kLastDayOf2020 - jan2, "UTC", "2020年12月31日"},
+      {jan2, -36 * kHour, "UTC", "01月01日"},
   };
-  for (const auto& c : cases) {
-    at(kNow, c.tz);
-    EXPECT_EQ(ZConverTool::formateDateWith(static_cast<std::int32_t>(kNow + c.offset)), c.label)
-        << c.offset << " " << c.tz;
+  for (const auto& [now, offset, tz, label] : cases) {
+    at(static_cast<double>(now), tz);
+    EXPECT_EQ(C::formateDateWith(static_cast<std::int32_t>(now + offset)), label) << offset << tz;
   }
 }
 
-TEST_F(DeviceClock, OlderDatesCompareCalendarYearsNotWeekYears) {
-  // 2021-01-02 12:00 UTC; 2020-12-31 lies in week-year 2021 but calendar year 2020.
-  at(1'609'588'800);
-  EXPECT_EQ(ZConverTool::formateDateWith(1'609'372'800), "2020年12月31日");
-  EXPECT_EQ(ZConverTool::formateDateWith(1'609'459'200), "01月01日");
-}
-
-TEST_F(DeviceClock, CurrentDateComponentsComeFromTheCalendar) {
+TEST_F(DeviceClock, TodayAndItsHourPeriodsComeFromTheCalendarInTheDevicesTimeZone) {
   at(1'609'416'000);  // 2020-12-31 12:00 UTC, already week 1 of the next week-year
-  EXPECT_EQ(ZGeneralTool::getCurrentDateWithType(0), 12);
-  EXPECT_EQ(ZGeneralTool::getCurrentDateWithType(1), 31);
-  EXPECT_EQ(ZGeneralTool::getCurrentDateWithType(2), 1);
-  EXPECT_EQ(ZGeneralTool::getCurrentDateWithType(3), 12);
-  EXPECT_EQ(ZGeneralTool::getCurrentDateWithType(4), 2020);
-  EXPECT_EQ(ZGeneralTool::getCurrentDateWithType(5), 0);
-  EXPECT_EQ(ZGeneralTool::getCurrentDateWithType(-1), 0);
-  EXPECT_EQ(ZGeneralTool::getCurrentDate(), "2020年12月31日");
+  const std::pair<std::int64_t, std::int64_t> cases[] = {{0, 12},   {1, 31}, {2, 1}, {3, 12},
+                                                         {4, 2020}, {5, 0},  {-1, 0}};
+  for (const auto& [type, value] : cases) EXPECT_EQ(G::getCurrentDateWithType(type), value) << type;
+  EXPECT_EQ(G::getCurrentDate(), "2020年12月31日");
   at(1'609'416'000, "Asia/Shanghai");  // 20:00 there
-  EXPECT_EQ(ZGeneralTool::getCurrentDateWithType(0), 20);
-}
-
-TEST_F(DeviceClock, HourPeriodsAreTodayInTheDevicesTimeZone) {
+  EXPECT_EQ(G::getCurrentDateWithType(0), 20);
+  // Hour periods are today in the device's time zone, and a boundary itself is not later.
   using std::chrono::system_clock;
   ZConverTool tool;
   at(kNow);
-  EXPECT_EQ(system_clock::to_time_t(tool.getCustomDateWithHour(8)), 1'699'948'800);
   EXPECT_EQ(system_clock::to_time_t(tool.getCustomDateWithHour(24)), 1'700'006'400);
-  EXPECT_TRUE(tool.isBetweenFromHour(22, 23));
-  EXPECT_FALSE(tool.isBetweenFromHour(21, 22));
-  EXPECT_FALSE(tool.isBetweenFromHour(23, 22));
-  EXPECT_TRUE(tool.isBigToHour(22));
-  EXPECT_FALSE(tool.isBigToHour(23));
+  EXPECT_TRUE(tool.isBetweenFromHour(22, 23) && tool.isBigToHour(22));
+  EXPECT_FALSE(tool.isBetweenFromHour(21, 22) || tool.isBetweenFromHour(23, 22) ||
+               tool.isBigToHour(23));
   at(kNow, "Asia/Shanghai");  // 06:13 on the 15th there
   EXPECT_EQ(system_clock::to_time_t(tool.getCustomDateWithHour(8)), 1'700'006'400);
   EXPECT_TRUE(tool.isBetweenFromHour(6, 7));
-  EXPECT_FALSE(tool.isBigToHour(7));
-}
-
-TEST_F(DeviceClock, AnHourBoundaryItselfIsNotLater) {
-  ZConverTool tool;
   at(1'699'999'200);  // 22:00:00 exactly
-  EXPECT_FALSE(tool.isBigToHour(22));
-  EXPECT_FALSE(tool.isBetweenFromHour(22, 23));
+  EXPECT_FALSE(tool.isBigToHour(22) || tool.isBetweenFromHour(22, 23));
 }
 
-TEST_F(DeviceClock, TimestampsParseWithTheDevicesTimeZone) {
-  at(0);
-  EXPECT_EQ(ZGeneralTool::cTimestampFromString("2023-11-14 22:13:20"), "1700000000");
-  EXPECT_EQ(ZGeneralTool::cTimestampFromString("1969-12-31 23:59:59"), "-1");
-  EXPECT_EQ(ZGeneralTool::cTimestampFromString("2023-11-14"), "0");
-  EXPECT_EQ(ZGeneralTool::cTimestampFromString(""), "0");
-  // The week-based year letters take the written year as it stands on this calendar.
-  EXPECT_EQ(ZGeneralTool::cTimestampFromString("2020-12-31 00:00:00"), "1609372800");
-  useTimeZone("Asia/Shanghai");
-  EXPECT_EQ(ZGeneralTool::cTimestampFromString("2023-11-15 06:13:20"), "1700000000");
-}
-
-TEST(DateTexts, ChineseDatesConvertToDashedDates) {
-  EXPECT_EQ(ZGeneralTool::coverDateFromFormatter("2018年03月05日"), "2018-03-05");
-  EXPECT_EQ(ZGeneralTool::coverDateFromFormatter("2018-03-05"), std::nullopt);
-  EXPECT_EQ(ZGeneralTool::coverDateFromFormatter(""), std::nullopt);
-}
-
-TEST(DateTexts, ChineseDatesKeepTheirDigitsWhenRewritten) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"2018年3月5日", "2018-3-5"},
-      {"2018年03月05日", "2018-03-05"},
-      {"2018年12月5日", "2018-12-5"},
-      {"2018年3月15日", "2018-3-15"},
+TEST_F(DeviceClock, TimestampsParseWithTheDevicesTimeZoneAndTheWrittenYear) {
+  const std::tuple<const char*, const char*, const char*> cases[] = {
+      {"UTC", "2023-11-14 22:13:20", "1700000000"},
+      {"UTC", "1969-12-31 23:59:59", "-1"},
+      {"UTC", "2023-11-14", "0"},
+      {"UTC", "2020-12-31 00:00:00", "1609372800"},
+      {"Asia/Shanghai", "2023-11-15 06:13:20", "1700000000"},
   };
-  for (const auto& [text, expected] : cases) {
-    test::LogCapture log;
-    EXPECT_EQ(ZGeneralTool::coverDateFamaterWithDateStr(text), expected);
-    EXPECT_EQ(log.lines, std::vector<std::string>{expected});
+  for (const auto& [tz, text, seconds] : cases) {
+    at(0, tz);
+    EXPECT_EQ(G::cTimestampFromString(text), seconds) << text;
   }
 }
 
-TEST(DateTexts, ChineseDatesWithoutTheirMarksAreRangeErrors) {
-  EXPECT_THROW(ZGeneralTool::coverDateFamaterWithDateStr("2018-03-05"), std::out_of_range);
-  EXPECT_THROW(ZGeneralTool::coverDateFamaterWithDateStr("18年3月"), std::out_of_range);
+TEST(DateTexts, ChineseDatesBecomeDashedDatesKeepingTheirDigits) {
+  EXPECT_EQ(G::coverDateFromFormatter("2018年03月05日"), "2018-03-05");
+  EXPECT_EQ(G::coverDateFromFormatter("2018-03-05"), std::nullopt);
+  for (const auto& [text, expected] :
+       {std::pair{"2018年3月5日", "2018-3-5"}, std::pair{"2018年12月5日", "2018-12-5"}}) {
+    test::LogCapture log;
+    EXPECT_EQ(G::coverDateFamaterWithDateStr(text), expected);
+    EXPECT_EQ(log.lines, std::vector<std::string>{expected});
+  }
+  for (const char* text : {"2018-03-05", "18年3月"})  // without their marks
+    EXPECT_THROW((void)G::coverDateFamaterWithDateStr(text), std::out_of_range) << text;
 }
 
 TEST(TimeSorting, PutsNewestFirstAndNeverMovesAnythingAcrossAnUndatedText) {
   const std::vector<std::optional<std::string>> texts = {
-      "2023-01-01 00:00:00", "2023-06-01 00:00:00", std::nullopt,
-      "2022-01-01 00:00:00", "2024-01-01 00:00:00", "not a time",
-      "2000-01-01 00:00:00", "2001-01-01 00:00:00", "2001-01-01 00:00:00",
-  };
+      "2023-01-01 00:00:00", "2023-06-01 00:00:00", std::nullopt,          "2022-01-01 00:00:00",
+      "2024-01-01 00:00:00", "not a time",          "2000-01-01 00:00:00", "2001-01-01 00:00:00"};
   const std::vector<std::optional<std::string>> sorted = {
-      "2023-06-01 00:00:00", "2023-01-01 00:00:00", std::nullopt,
-      "2024-01-01 00:00:00", "2022-01-01 00:00:00", "not a time",
-      "2001-01-01 00:00:00", "2001-01-01 00:00:00", "2000-01-01 00:00:00",
-  };
-  EXPECT_EQ(ZGeneralTool::sortWithTimeIntervalFromTimeStrs(texts), sorted);
-  EXPECT_TRUE(ZGeneralTool::sortWithTimeIntervalFromTimeStrs({}).empty());
+      "2023-06-01 00:00:00", "2023-01-01 00:00:00", std::nullopt,          "2024-01-01 00:00:00",
+      "2022-01-01 00:00:00", "not a time",          "2001-01-01 00:00:00", "2000-01-01 00:00:00"};
+  EXPECT_EQ(G::sortWithTimeIntervalFromTimeStrs(texts), sorted);
 }
 
 TEST(MonthLengths, FollowTheGregorianLeapRuleAndLogTheMonthTwice) {
-  struct Case {
-    std::int64_t month, year, days;
+  const std::tuple<std::int64_t, std::int64_t, std::int64_t> cases[] = {
+      {1, 2023, 31}, {2, 1900, 28}, {2, 2000, 29}, {2, 2023, 28}, {4, 2023, 30}, {-2, 2020, 31},
   };
-  const Case cases[] = {
-      {1, 2023, 31}, {2, 1900, 28}, {2, 2000, 29}, {2, 2024, 29}, {2, 2023, 28},
-      {4, 2023, 30}, {6, 2023, 30}, {9, 2023, 30}, {11, 2023, 30}, {12, 2023, 31},
-      {13, 2020, 31}, {0, 2020, 31}, {-2, 2020, 31},
-  };
-  for (const auto& c : cases) {
+  for (const auto& [month, year, days] : cases) {
     test::LogCapture log;
-    EXPECT_EQ(ZGeneralTool::getDaysWithSelectedMonth(c.month, c.year), c.days)
-        << c.month << "/" << c.year;
-    const std::string month = std::to_string(c.month);
-    EXPECT_EQ(log.lines, (std::vector<std::string>{"所选择的月份: " + month,
-                                                   "所选择的年份: " + month}));
+    EXPECT_EQ(G::getDaysWithSelectedMonth(month, year), days) << month << "/" << year;
+    const std::string m = std::to_string(month);
+    EXPECT_EQ(log.lines, (std::vector<std::string>{"所选择的月份: " + m, "所选择的年份: " + m}));
   }
 }
 
 TEST(DurationTexts, AreWrittenInHoursAndMinutesTruncated) {
-  struct Case {
-    std::int32_t seconds;
-    const char* charge;   // timeWithChargeDuration
-    const char* clock;    // converWitnNum
-    const char* spelled;  // convertTimeWhihNum
-    const char* short_;   // converHourAndMinuteWith
-  };
-  const Case cases[] = {
-      {0, "0分钟", "00:00", "0小时0分", "0时0分"},
-      {59, "0分钟", "00:00", "0小时0分", "0时0分"},
-      {3599, "59分钟", "00:59", "0小时59分", "0时59分"},
-      {3600, "1小时0分", "01:00", "1小时0分", "1时0分"},
-      {3661, "1小时1分", "01:01", "1小时1分", "1时1分"},
-      {5400, "1小时30分", "01:30", "1小时30分", "1时30分"},
-      {90061, "25小时1分", "25:01", "25小时1分", "25时1分"},
-      {360000, "100小时0分", "100:00", "100小时0分", "100时0分"},
-      {-120, "-2分钟", "00:-2", "0小时-2分", "0时-2分"},
+  const std::pair<std::int64_t, const char*> cases[] = {
+      {59, "0分钟|00:00|0小时0分|0时0分"},      {3599, "59分钟|00:59|0小时59分|0时59分"},
+      {3661, "1小时1分|01:01|1小时1分|1时1分"}, {360000, "100小时0分|100:00|100小时0分|100时0分"},
+      {-120, "-2分钟|00:-2|0小时-2分|0时-2分"},
   };
   ZConverTool tool;
-  for (const auto& c : cases) {
-    EXPECT_EQ(ZConverTool::timeWithChargeDuration(c.seconds), c.charge) << c.seconds;
-    EXPECT_EQ(ZConverTool::converWitnNum(c.seconds), c.clock) << c.seconds;
-    EXPECT_EQ(tool.convertTimeWhihNum(c.seconds), c.spelled) << c.seconds;
-    EXPECT_EQ(ZConverTool::converHourAndMinuteWith(c.seconds), c.short_) << c.seconds;
+  for (const auto& [n, texts] : cases) {
+    const auto s = static_cast<std::int32_t>(n);
+    EXPECT_EQ(C::timeWithChargeDuration(s) + "|" + C::converWitnNum(s) + "|" +
+                  tool.convertTimeWhihNum(s) + "|" + C::converHourAndMinuteWith(s),
+              texts);
   }
-  EXPECT_EQ(ZConverTool::converHourAndMinuteWith(360'000'000'000), "100000000时0分");
-  EXPECT_EQ(ZConverTool::maptimeWithChargeDuration(119), "1");
-  EXPECT_EQ(ZConverTool::maptimeWithChargeDuration(-119), "-1");
-  EXPECT_EQ(ZConverTool::converHours(7325), 2);
-  EXPECT_EQ(ZConverTool::converMinute(7325), 2);
+  EXPECT_EQ(C::converHourAndMinuteWith(360'000'000'000), "100000000时0分");
+  EXPECT_EQ(C::maptimeWithChargeDuration(-119), "-1");
+  EXPECT_EQ(C::converHours(7325) * 100 + C::converMinute(7325), 202);
 }
 
-TEST(HourMinuteTexts, ReadTheNumbersBeforeEachMark) {
-  struct Case {
-    const char* text;
-    std::int64_t seconds, hours, minutes;
-  };
-  const Case cases[] = {
-      {"2时30分", 9000, 2, 30},
-      {"0时5分", 300, 0, 5},
-      {" 12时 05分", 43500, 12, 5},
-      {"时分", 0, 0, 0},
-      {"-1时30分", -1800, -1, 30},
-      {"2小时30分钟", 9000, 2, 30},  // text after the digits is ignored
+TEST(HourMinuteTexts, ReadTheNumbersBeforeEachMarkAndWithoutAMarkAreRangeErrors) {
+  const std::tuple<const char*, std::int64_t, std::int64_t, std::int64_t> cases[] = {
+      {"2时30分", 9000, 2, 30},    {" 12时 05分", 43500, 12, 5}, {"时分", 0, 0, 0},
+      {"-1时30分", -1800, -1, 30}, {"2小时30分钟", 9000, 2, 30},  // text after digits is ignored
       {"3时x分", 10800, 3, 0},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(ZConverTool::converTimeWith(std::string(c.text)), c.seconds) << c.text;
-    EXPECT_EQ(ZConverTool::subHourMinuteWithTimeStr(std::string(c.text), 0), c.hours) << c.text;
-    EXPECT_EQ(ZConverTool::subHourMinuteWithTimeStr(std::string(c.text), 1), c.minutes) << c.text;
-    EXPECT_EQ(ZConverTool::subHourMinuteWithTimeStr(std::string(c.text), 9), c.minutes) << c.text;
+  for (const auto& [text, seconds, hours, minutes] : cases) {
+    EXPECT_EQ(C::converTimeWith(std::string(text)), seconds) << text;
+    EXPECT_EQ(C::subHourMinuteWithTimeStr(std::string(text), 0), hours) << text;
+    EXPECT_EQ(C::subHourMinuteWithTimeStr(std::string(text), 9), minutes) << text;
   }
-}
-
-TEST(HourMinuteTexts, GiveZeroForTheNullObject) {
-  EXPECT_EQ(ZConverTool::converTimeWith(std::nullopt), 0);
-  EXPECT_EQ(ZConverTool::subHourMinuteWithTimeStr(std::nullopt, 0), 0);
-}
-
-TEST(HourMinuteTexts, WithoutEitherMarkAreRangeErrors) {
+  EXPECT_EQ(C::converTimeWith(std::nullopt), 0);
+  EXPECT_EQ(C::subHourMinuteWithTimeStr(std::nullopt, 0), 0);
   for (const char* text : {"", "2:30", "230分", "2时30", "2時30分"}) {
-    EXPECT_THROW(ZConverTool::converTimeWith(std::string(text)), std::out_of_range) << text;
-    EXPECT_THROW(ZConverTool::subHourMinuteWithTimeStr(std::string(text), 1), std::out_of_range)
-        << text;
+    EXPECT_THROW((void)C::converTimeWith(std::string(text)), std::out_of_range) << text;
+    EXPECT_THROW((void)C::subHourMinuteWithTimeStr(std::string(text), 1), std::out_of_range);
   }
 }
 
