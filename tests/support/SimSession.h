@@ -7,6 +7,7 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "tqble/TQBleManager.h"
@@ -104,17 +105,41 @@ class SimSession {
   void clearLog() {
     log = DelegateLog{};
     tapped.clear();
+    errors.clear();
   }
 
   /// The delegate calls and answers of one command, given time to arrive.
   void settle() { run(500ms); }
+
+  /// Issues one command and lets its answer arrive.
+  template <class Call>
+  void command(Call&& call) {
+    call(*manager);
+    settle();
+  }
+
+  /// An error handler for a command that records into `errors`.
+  TQErrorHandler onError() {
+    return [this](const TQError& e) { errors.push_back(e); };
+  }
+
+  /// The lengths of the answers the tap saw, in order.
+  std::vector<std::size_t> tappedSizes() const {
+    std::vector<std::size_t> sizes;
+    for (const auto& t : tapped) sizes.push_back(t.answer.size());
+    return sizes;
+  }
 
   std::shared_ptr<sim::VirtualPost> post;
   std::shared_ptr<TQBleManager> manager;
   std::shared_ptr<TQBleManagerDelegate> delegate;
   DelegateLog log;
   std::vector<Tapped> tapped;
+  std::vector<TQError> errors;
   std::uint64_t tap = 0;
 };
+
+/// Names a parameterised case after its `name` field.
+inline constexpr auto caseName = [](const auto& info) { return std::string(info.param.name); };
 
 }  // namespace tqble::test
