@@ -8,23 +8,48 @@
 
 #include <chrono>
 #include <ctime>
+#include <map>
 #include <memory>
 
 namespace tqble::detail {
 namespace {
 
-std::unique_ptr<icu::SimpleDateFormat> makeFormatter(const std::string& pattern) {
-  UErrorCode status = U_ZERO_ERROR;
-  auto formatter = std::make_unique<icu::SimpleDateFormat>(
-      icu::UnicodeString::fromUTF8(pattern), icu::Locale::getDefault(), status);
-  if (U_FAILURE(status)) return nullptr;
-  return formatter;
+// Bumped whenever the device's time zone is re-read, so cached formatters follow it.
+std::uint64_t& zoneGeneration() {
+  static std::uint64_t generation = 0;
+  return generation;
+}
+
+// Building an ICU formatter costs tens of microseconds; a decoder formats one date per
+// history or error-log entry. Formatters are kept per thread, by pattern and locale, and
+// dropped when the time zone changes, which gives the texts of a fresh formatter.
+icu::SimpleDateFormat* formatterFor(const std::string& pattern) {
+  struct Cache {
+    std::uint64_t generation = 0;
+    std::map<std::pair<std::string, std::string>, std::unique_ptr<icu::SimpleDateFormat>> byKey;
+  };
+  thread_local Cache cache;
+  if (cache.generation != zoneGeneration()) {
+    cache.byKey.clear();
+    cache.generation = zoneGeneration();
+  }
+  const icu::Locale& locale = icu::Locale::getDefault();
+  auto& slot = cache.byKey[{pattern, locale.getName()}];
+  if (!slot) {
+    UErrorCode status = U_ZERO_ERROR;
+    auto formatter = std::make_unique<icu::SimpleDateFormat>(
+        icu::UnicodeString::fromUTF8(pattern), locale, status);
+    if (U_FAILURE(status)) return nullptr;
+    formatter->setLenient(false);  // parsing only; formatting is unaffected
+    slot = std::move(formatter);
+  }
+  return slot.get();
 }
 
 }  // namespace
 
 std::string formatDate(double secondsSince1970, const std::string& pattern) {
-  auto formatter = makeFormatter(pattern);
+  const auto* formatter = formatterFor(pattern);
   if (!formatter) return {};
   icu::UnicodeString text;
   formatter->format(static_cast<UDate>(secondsSince1970 * 1000.0), text);
@@ -34,9 +59,8 @@ std::string formatDate(double secondsSince1970, const std::string& pattern) {
 }
 
 std::optional<double> parseDate(const std::string& text, const std::string& pattern) {
-  auto formatter = makeFormatter(pattern);
+  const auto* formatter = formatterFor(pattern);
   if (!formatter) return std::nullopt;
-  formatter->setLenient(false);
   UErrorCode status = U_ZERO_ERROR;
   const UDate date = formatter->parse(icu::UnicodeString::fromUTF8(text), status);
   if (U_FAILURE(status)) return std::nullopt;
@@ -105,6 +129,7 @@ double gregorianSeconds(std::int32_t year, std::int32_t month, std::int32_t day,
 void refreshTimeZone() {
   tzset();
   icu::TimeZone::adoptDefault(icu::TimeZone::detectHostTimeZone());
+  ++zoneGeneration();
 }
 
 }  // namespace tqble::detail
