@@ -21,7 +21,9 @@ struct CommandCase {
   bool clearsBuffer;
 };
 
-void PrintTo(const CommandCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const CommandCase& c, std::ostream* os) {
+  *os << c.name;
+}
 
 const CommandCase kCommands[] = {
     {"querySystemInfo", [](auto& m, auto& e) { m.querySystemInfoWithError(e); }, 2,
@@ -91,23 +93,18 @@ TEST_P(Command, ClearsTheReassemblyBufferOnlyWhereItMust) {
   EXPECT_EQ(stack.manager->systemInfoData().empty(), GetParam().clearsBuffer);
 }
 
-TEST_P(Command, WithoutConnectionReportsNoPeripheralOnceAndKeepsItsTag) {
+TEST_P(Command, FailsLocallyOnceWithItsTagAlreadyRecorded) {
   FakeStack stack;
   std::vector<TQError> errors;
-  GetParam().issue(*stack.manager, [&](const TQError& e) { errors.push_back(e); });
-  ASSERT_EQ(errors.size(), 1u);
-  EXPECT_EQ(errors[0], (TQError{"没有连接的外设", 1002, {}}));
+  const TQErrorHandler record = [&](const TQError& e) { errors.push_back(e); };
+  GetParam().issue(*stack.manager, record);  // not connected
   EXPECT_EQ(stack.manager->cmdType(), GetParam().cmdType);
-}
-
-TEST_P(Command, BeforeDiscoveryReportsMissingWriteCharacteristic) {
-  FakeStack stack;
   auto post = std::make_shared<test::FakePeripheral>();
   stack.manager->didConnectPeripheral(*stack.central, post);
-  std::vector<TQError> errors;
-  GetParam().issue(*stack.manager, [&](const TQError& e) { errors.push_back(e); });
-  ASSERT_EQ(errors.size(), 1u);
-  EXPECT_EQ(errors[0], (TQError{"蓝牙写入特征为空，请检查蓝牙连接设备", 1001, {}}));
+  GetParam().issue(*stack.manager, record);  // connected, characteristics unknown
+  ASSERT_EQ(errors.size(), 2u);
+  EXPECT_EQ(errors[0].code, 1002);
+  EXPECT_EQ(errors[1].code, 1001);
   EXPECT_TRUE(post->writes.empty());
 }
 

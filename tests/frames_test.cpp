@@ -18,7 +18,9 @@ struct FrameCase {
   const char* expected;
 };
 
-void PrintTo(const FrameCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const FrameCase& c, std::ostream* os) {
+  *os << c.name;
+}
 
 class FrameEncoding : public testing::TestWithParam<FrameCase> {};
 
@@ -43,8 +45,7 @@ INSTANTIATE_TEST_SUITE_P(
         FrameCase{"HighStatus", 0xFF, 0x80, hex("01 02"), 0, "68 FF 80 00 02 00 00 16 01 02"},
         // The seed changes byte 7 only.
         FrameCase{"SeededChecksum", 0xB5, 0, hex("00"), 0x5A, "68 B5 00 00 01 00 00 86 00"},
-        FrameCase{"SeedAndStatus", 0x32, 0x07, hex("00"), 0xFF,
-                  "68 32 07 00 01 00 00 A3 00"}),
+        FrameCase{"SeedAndStatus", 0x32, 0x07, hex("00"), 0xFF, "68 32 07 00 01 00 00 A3 00"}),
     [](const auto& info) { return info.param.name; });
 
 TEST(FrameEncoding, LengthIsLittleEndianForLongBodies) {

@@ -82,9 +82,11 @@ TEST(NotificationCenter, DeliversToObserversOfTheNameUntilRemoved) {
   auto& center = NotificationCenter::defaultCenter();
   std::vector<std::string> seen;
   const auto named = center.addObserver("A", [&](const Notification& n) {
-    seen.push_back("named " + n.name + " " + std::to_string(std::get<std::int64_t>(n.userInfo.at("k"))));
+    seen.push_back("named " + n.name + " " +
+                   std::to_string(std::get<std::int64_t>(n.userInfo.at("k"))));
   });
-  const auto all = center.addObserver("", [&](const Notification& n) { seen.push_back("all " + n.name); });
+  const auto all =
+      center.addObserver("", [&](const Notification& n) { seen.push_back("all " + n.name); });
   center.post("A", nullptr, {{"k", Value{std::int64_t{5}}}});
   center.post("B", nullptr, {});
   center.removeObserver(named);

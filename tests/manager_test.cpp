@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include "support/FakeBle.h"
-#include "tqble/TQBleAPI.h"
 
 namespace tqble {
 namespace {
@@ -84,8 +83,8 @@ TEST(Properties, LazyOnesAreRecreatedEmptyAfterBeingReset) {
 TEST(Properties, SystemTitleRowsAreFixedObjectsWithTheirTitles) {
   FakeStack stack;
   const auto rows = stack.manager->systemTitleArr();
-  const std::vector<std::string> titles = {"桩号",         "桩类型",         "厂商",
-                                           "Magic Number", "通信协议版本",   "设备嵌入式软件开发",
+  const std::vector<std::string> titles = {"桩号",           "桩类型",       "厂商",
+                                           "Magic Number",   "通信协议版本", "设备嵌入式软件开发",
                                            "嵌入式软件型号", "音量大小",     "充电桩时间",
                                            "枪状态"};
   ASSERT_EQ(rows.size(), titles.size());
@@ -97,24 +96,15 @@ TEST(Properties, SystemTitleRowsAreFixedObjectsWithTheirTitles) {
   }
 }
 
-TEST(Records, StartEmpty) {
-  const ZRunStateModel row;
-  EXPECT_FALSE(row.title.has_value());
-  EXPECT_FALSE(row.content.has_value());
-  EXPECT_EQ(row.detailType, 0);
+TEST(Records, StartEmptyAndAHistoryEntryIsAChargerState) {
   const TQBleChargeHistory entry;
-  const TQBleQueryChargerState& asState = entry;  // a history entry is a charger state
+  const TQBleQueryChargerState& asState = entry;
   const TQBleBaseChargeData& asBase = entry;
   EXPECT_FALSE(asState.gunStatus.has_value());
+  EXPECT_FALSE(entry.startTime.has_value());
   EXPECT_EQ(asBase.elecQuantity, 0u);
   EXPECT_FALSE(ZRBLEModel{}.isBound);
   EXPECT_EQ(TQBleSetResult{}.resultType, 0);
-  std::string text = "1234";
-  TQBleChargingData data;
-  data.serialNumber = text;
-  text += "5";
-  EXPECT_EQ(data.serialNumber, "1234") << "records keep their own copy";
-  [[maybe_unused]] TQBleAPI api;
 }
 
 }  // namespace

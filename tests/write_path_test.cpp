@@ -17,25 +17,15 @@ struct HandlerLog {
   }
 };
 
-TEST(WritePath, WithoutPeripheralReportsNoPeripheral) {
+TEST(WritePath, ReportsEachLocalFailureOnceWithItsExactErrorAndWritesNothing) {
   FakeStack stack;
+  auto post = std::make_shared<FakePeripheral>();  // connected but nothing discovered
   HandlerLog log;
   stack.manager->writeData(test::hex("68 b5"), nullptr, log.handler());
-  ASSERT_EQ(log.errors.size(), 1u);
-  EXPECT_EQ(log.errors[0].domain, "没有连接的外设");
-  EXPECT_EQ(log.errors[0].code, 1002);
-  EXPECT_TRUE(log.errors[0].userInfo.empty());
-}
-
-TEST(WritePath, WithoutWriteCharacteristicReportsWriteError) {
-  FakeStack stack;
-  auto post = std::make_shared<FakePeripheral>();
-  HandlerLog log;
   stack.manager->writeData(test::hex("68 b5"), post, log.handler());
-  ASSERT_EQ(log.errors.size(), 1u);
-  EXPECT_EQ(log.errors[0].domain, "蓝牙写入特征为空，请检查蓝牙连接设备");
-  EXPECT_EQ(log.errors[0].code, 1001);
-  EXPECT_TRUE(log.errors[0].userInfo.empty());
+  ASSERT_EQ(log.errors.size(), 2u);
+  EXPECT_EQ(log.errors[0], (TQError{"没有连接的外设", 1002, {}}));
+  EXPECT_EQ(log.errors[1], (TQError{"蓝牙写入特征为空，请检查蓝牙连接设备", 1001, {}}));
   EXPECT_TRUE(post->writes.empty());
 }
 
@@ -52,11 +42,17 @@ TEST(WritePath, SuccessWritesWholeFrameOnceWithoutResponseAndNeverCallsHandler) 
   EXPECT_EQ(post->writes[0].type, ble::WriteType::WithoutResponse);
 }
 
-TEST(WritePath, AbsentHandlerMakesFailuresSilent) {
+TEST(StopConnection, WithoutPeripheralReportsNoPeripheralAndLeavesScanningAlone) {
   FakeStack stack;
-  stack.manager->writeData(test::hex("68"), nullptr, nullptr);
-  stack.manager->stopChargeWithError(nullptr);
-  EXPECT_EQ(stack.manager->cmdType(), 7);
+  HandlerLog log;
+  stack.manager->stopConnectPeripheral(nullptr, nullptr);  // no handler: nothing at all
+  stack.manager->stopConnectPeripheral(nullptr, log.handler());
+  ASSERT_EQ(log.errors.size(), 1u);
+  EXPECT_EQ(log.errors[0], (TQError{"没有连接的外设", 1002, {}}));
+  EXPECT_TRUE(FakeStack::central->calls.empty());
+  stack.manager->stopConnectPeripheral(std::make_shared<FakePeripheral>(), log.handler());
+  EXPECT_EQ(FakeStack::central->calls, (std::vector<std::string>{"stopScan", "cancel"}));
+  EXPECT_EQ(log.errors.size(), 1u);
 }
 
 TEST(WritePath, WritesToStaleCharacteristicOfAnEarlierConnection) {
