@@ -12,6 +12,7 @@
 #include "tqble/AnswerDecoding.h"
 #include "tqble/TQBleManager.h"
 #include "tqble/platform/Log.h"
+#include "CommandCatalogue.h"
 #include "tqble/platform/MainQueue.h"
 #include "tqble/sim/SimRadio.h"
 
@@ -19,17 +20,6 @@ namespace tqble::cli {
 namespace {
 
 using namespace std::chrono_literals;
-
-std::string spacedHex(const Bytes& bytes) {
-  static const char kDigits[] = "0123456789abcdef";
-  std::string text;
-  for (std::uint8_t b : bytes) {
-    if (!text.empty()) text.push_back(' ');
-    text.push_back(kDigits[b >> 4]);
-    text.push_back(kDigits[b & 15]);
-  }
-  return text;
-}
 
 const char* text(const OptionalText& t) { return t ? t->c_str() : "(none)"; }
 

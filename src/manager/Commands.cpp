@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "manager/FrameLayout.h"
 #include "tqble/TQBleManager.h"
 #include "tqble/ZConverTool.h"
 #include "tqble/ZDataCoverTool.h"
@@ -9,20 +10,7 @@
 namespace tqble {
 namespace {
 
-// Command codes and pending tags.
-enum : std::uint8_t {
-  kCmdSynchroTime = 0xB0,
-  kCmdSystemInfo = 0xB1,
-  kCmdVolume = 0xB2,
-  kCmdOrder = 0xB3,
-  kCmdStartCharging = 0xB4,
-  kCmdChargerState = 0xB5,
-  kCmdStopCharge = 0xB6,
-  kCmdHistory = 0xB7,
-  kCmdCumulation = 0xB8,
-  kCmdErrorLog = 0x34,
-  kCmdDiagnosis = 0x32,
-};
+using namespace detail;  // command codes
 
 // The platform's text-to-int32 reading: leading digits, saturating at the int32 range.
 std::int32_t intValue(const std::string& text) {

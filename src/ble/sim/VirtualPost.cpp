@@ -6,26 +6,14 @@
 // code, gets no answer at all.
 #include "tqble/sim/VirtualPost.h"
 
+#include "manager/FrameLayout.h"
+
 #include <algorithm>
 
 namespace tqble::sim {
 namespace {
 
-enum : std::uint8_t {
-  kSynchroTime = 0xB0,
-  kSystemInfo = 0xB1,
-  kVolume = 0xB2,
-  kOrder = 0xB3,
-  kStartCharging = 0xB4,
-  kChargerState = 0xB5,
-  kStopCharge = 0xB6,
-  kHistory = 0xB7,
-  kCumulation = 0xB8,
-  kErrorLog = 0x34,
-  kDiagnosis = 0x32,
-};
-
-constexpr std::size_t kHeader = 8;
+using detail::kFrameHeaderLength;
 constexpr std::uint8_t kAccepted = 0x00;
 constexpr std::uint8_t kRefused = 0x01;
 
@@ -35,11 +23,6 @@ void putLE(Bytes& out, std::uint64_t value, int size) {
 
 void putBE(Bytes& out, std::uint64_t value, int size) {
   for (int i = size - 1; i >= 0; --i) out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
-}
-
-std::uint8_t xorOf(const Bytes& bytes, std::size_t from, std::size_t to, std::uint8_t seed) {
-  for (std::size_t i = from; i < to; ++i) seed ^= bytes[i];
-  return seed;
 }
 
 // The volume travels as its decimal digits read as hex digits (35 as 0x35); a single
@@ -119,7 +102,7 @@ Bytes historyBody(const PostModel& model, bool allowTwentyByteTail) {
   }
   // The phone takes a piece shorter than 20 bytes as the end of a list, so an answer
   // must not end on a full piece.
-  if (!allowTwentyByteTail && (kHeader + body.size()) % 20 == 0) body.push_back(0);
+  if (!allowTwentyByteTail && (kFrameHeaderLength + body.size()) % 20 == 0) body.push_back(0);
   return body;
 }
 
@@ -173,15 +156,7 @@ Bytes diagnosisBody(const PostModel& model) {
 VirtualPost::VirtualPost(PostSetup setup) : setup_(std::move(setup)), model_(setup_.identity) {}
 
 Bytes VirtualPost::answer(std::uint8_t cmd, const Bytes& body) {
-  Bytes frame;
-  frame.reserve(kHeader + body.size());
-  for (std::uint8_t b : {std::uint8_t{0x68}, cmd, std::uint8_t{0x00}, std::uint8_t{0x00},
-                         static_cast<std::uint8_t>(body.size() & 0xFF),
-                         static_cast<std::uint8_t>((body.size() >> 8) & 0xFF), std::uint8_t{0x00}}) {
-    frame.push_back(b);
-  }
-  frame.push_back(xorOf(frame, 0, 7, xorOf(body, 0, body.size(), 0)));
-  for (std::uint8_t b : body) frame.push_back(b);
+  Bytes frame = detail::buildFrame(cmd, 0x00, &body, 0x00);
   answers_.push_back(frame);
   return frame;
 }
@@ -190,16 +165,18 @@ std::vector<Bytes> VirtualPost::handleWrite(const Bytes& write) {
   writes_.push_back(write);
   std::vector<Bytes> out;
   std::size_t at = 0;
-  while (write.size() - at >= kHeader) {
+  while (write.size() - at >= kFrameHeaderLength) {
     const std::uint8_t cmd = write[at + 1];
-    const std::uint8_t start = cmd == 0xBA ? 0xAA : 0x68;
     const std::size_t length = write[at + 4] | (std::size_t{write[at + 5]} << 8);
-    if (write[at] != start || at + kHeader + length > write.size()) break;
-    const std::size_t end = at + kHeader + length;
-    const bool intact = (xorOf(write, at, at + 7, setup_.checksumSeed) ^ xorOf(write, at + kHeader, end, 0)) ==
-                        write[at + 7];
-    const Bytes body(write.begin() + static_cast<std::ptrdiff_t>(at + kHeader),
+    if (at + kFrameHeaderLength + length > write.size()) break;
+    const std::size_t end = at + kFrameHeaderLength + length;
+    const Bytes body(write.begin() + static_cast<std::ptrdiff_t>(at + kFrameHeaderLength),
                      write.begin() + static_cast<std::ptrdiff_t>(end));
+    // Intact means exactly the frame this post would build: start byte, length, checksum.
+    const Bytes expected = detail::buildFrame(cmd, write[at + 2], &body, setup_.checksumSeed);
+    const bool intact = std::equal(expected.begin(), expected.end(),
+                                   write.begin() + static_cast<std::ptrdiff_t>(at));
+    if (write[at] != expected[0]) break;
     at = end;
     if (!intact) continue;
 
@@ -207,7 +184,7 @@ std::vector<Bytes> VirtualPost::handleWrite(const Bytes& write) {
     auto ack = [&](bool ok) { out.push_back(answer(cmd, {ok && !refused ? kAccepted : kRefused})); };
     const std::uint8_t gun = static_cast<std::uint8_t>(model_.gunState());
     switch (cmd) {
-      case kSynchroTime:
+      case detail::kCmdSynchroTime:
         if (body.size() == 4 && !refused) {
           const std::int32_t seconds = static_cast<std::int32_t>(body[0] | body[1] << 8 | body[2] << 16 |
                                                                  static_cast<std::uint32_t>(body[3]) << 24);
@@ -215,16 +192,16 @@ std::vector<Bytes> VirtualPost::handleWrite(const Bytes& write) {
         }
         ack(body.size() == 4);
         break;
-      case kSystemInfo:
+      case detail::kCmdSystemInfo:
         out.push_back(answer(cmd, systemInfoBody(model_, gun)));
         break;
-      case kVolume: {
+      case detail::kCmdVolume: {
         const int volume = volumeFrom(body);
         if (volume >= 0 && !refused) model_.setVolume(volume);
         ack(volume >= 0);
         break;
       }
-      case kOrder: {
+      case detail::kCmdOrder: {
         bool ok = false;
         if (body.size() == 5 && body[0] == 0x01) {
           ok = body[1] < 24 && body[2] < 60 && body[3] < 24 && body[4] < 60;
@@ -236,13 +213,13 @@ std::vector<Bytes> VirtualPost::handleWrite(const Bytes& write) {
         ack(ok);
         break;
       }
-      case kStartCharging:
+      case detail::kCmdStartCharging:
         ack(!refused && model_.startCharging());
         break;
-      case kStopCharge:
+      case detail::kCmdStopCharge:
         ack(!refused && model_.stopCharging());
         break;
-      case kChargerState:
+      case detail::kCmdChargerState:
         if (faults_.faultAnswer) {
           out.push_back(answer(cmd, faultBody(gun, *faults_.faultAnswer)));
         } else if (model_.gunState() == GunState::Fault) {
@@ -251,20 +228,20 @@ std::vector<Bytes> VirtualPost::handleWrite(const Bytes& write) {
           out.push_back(answer(cmd, stateBody(model_)));
         }
         break;
-      case kHistory:
+      case detail::kCmdHistory:
         out.push_back(answer(cmd, historyBody(model_, faults_.allowTwentyByteTail)));
         break;
-      case kCumulation: {
+      case detail::kCmdCumulation: {
         Bytes energy;
         putLE(energy, model_.cumulativeEnergy(), 4);
         energy.push_back(0);
         out.push_back(answer(cmd, energy));
         break;
       }
-      case kErrorLog:
+      case detail::kCmdErrorLog:
         out.push_back(answer(cmd, errorLogBody(model_)));
         break;
-      case kDiagnosis:
+      case detail::kCmdDiagnosis:
         out.push_back(answer(cmd, diagnosisBody(model_)));
         break;
       default:
