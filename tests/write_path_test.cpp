@@ -2,7 +2,6 @@
 
 #include "support/FakeBle.h"
 #include "support/Hex.h"
-#include "tqble/BLESDKConst.h"
 
 namespace tqble {
 namespace {
@@ -29,17 +28,21 @@ TEST(WritePath, ReportsEachLocalFailureOnceWithItsExactErrorAndWritesNothing) {
   EXPECT_TRUE(post->writes.empty());
 }
 
-TEST(WritePath, SuccessWritesWholeFrameOnceWithoutResponseAndNeverCallsHandler) {
+TEST(WritePath, WritesTheWholeFrameOnceWithoutResponseEvenToAStaleCharacteristic) {
   FakeStack stack;
-  auto post = stack.connectReadyPost();
+  auto first = stack.connectReadyPost();
+  const auto staleWrite = stack.write;
+  stack.manager->didDisconnectPeripheral(*stack.central, first, std::nullopt);
+  auto second = std::make_shared<FakePeripheral>();  // nothing discovered on this link
+  stack.manager->didConnectPeripheral(*stack.central, second);
   HandlerLog log;
   const Bytes frame(300, 0xAB);  // longer than any notification: still one write
-  stack.manager->writeData(frame, post, log.handler());
+  stack.manager->writeData(frame, second, log.handler());
   EXPECT_TRUE(log.errors.empty());
-  ASSERT_EQ(post->writes.size(), 1u);
-  EXPECT_EQ(post->writes[0].data, frame);
-  EXPECT_EQ(post->writes[0].characteristic, stack.write);
-  EXPECT_EQ(post->writes[0].type, ble::WriteType::WithoutResponse);
+  ASSERT_EQ(second->writes.size(), 1u);
+  EXPECT_EQ(second->writes[0].data, frame);
+  EXPECT_EQ(second->writes[0].characteristic, staleWrite);
+  EXPECT_EQ(second->writes[0].type, ble::WriteType::WithoutResponse);
 }
 
 TEST(StopConnection, WithoutPeripheralReportsNoPeripheralAndLeavesScanningAlone) {
@@ -55,97 +58,64 @@ TEST(StopConnection, WithoutPeripheralReportsNoPeripheralAndLeavesScanningAlone)
   EXPECT_EQ(log.errors.size(), 1u);
 }
 
-TEST(WritePath, WritesToStaleCharacteristicOfAnEarlierConnection) {
-  FakeStack stack;
-  auto first = stack.connectReadyPost();
-  const auto staleWrite = stack.write;
-  stack.manager->didDisconnectPeripheral(*stack.central, first, std::nullopt);
-  auto second = std::make_shared<FakePeripheral>();
-  stack.manager->didConnectPeripheral(*stack.central, second);
-  HandlerLog log;
-  stack.manager->stopChargeWithError(log.handler());
-  EXPECT_TRUE(log.errors.empty());
-  ASSERT_EQ(second->writes.size(), 1u);
-  EXPECT_EQ(second->writes[0].characteristic, staleWrite);
-}
-
-TEST(WriteConfirmation, IsForwardedUnchangedWhenImplemented) {
+TEST(WriteConfirmation, IsForwardedUnchanged) {
   FakeStack stack;
   auto delegate = std::make_shared<TQBleManagerDelegate>();
-  std::vector<std::pair<std::shared_ptr<ble::Characteristic>, std::optional<TQError>>> seen;
-  delegate->didWriteValueForCharacteristic = [&](TQBleManager& m, const auto& c, const auto& e) {
-    EXPECT_EQ(&m, stack.manager.get());
-    seen.emplace_back(c, e);
+  std::vector<std::optional<TQError>> seen;
+  delegate->didWriteValueForCharacteristic = [&](TQBleManager&, const auto& c, const auto& e) {
+    EXPECT_EQ(c, stack.write);
+    seen.push_back(e);
   };
   stack.manager->setDelegate(delegate);
   auto post = stack.connectReadyPost();
   const TQError platformError{"link busy", 14, {{"retry", Value{true}}}};
   stack.manager->didWriteValueForCharacteristic(post, stack.write, platformError);
   stack.manager->didWriteValueForCharacteristic(post, stack.write, std::nullopt);
-  ASSERT_EQ(seen.size(), 2u);
-  EXPECT_EQ(seen[0].first, stack.write);
-  EXPECT_EQ(seen[0].second, platformError);
-  EXPECT_FALSE(seen[1].second.has_value());
+  EXPECT_EQ(seen, (std::vector<std::optional<TQError>>{platformError, std::nullopt}));
 }
 
-TEST(Delegate, ThatImplementsNothingReceivesNothingAndNothingFails) {
-  FakeStack stack;
-  auto delegate = std::make_shared<TQBleManagerDelegate>();
-  stack.manager->setDelegate(delegate);
-  auto post = stack.connectReadyPost();
-  stack.manager->centralManagerDidUpdateState(*stack.central);
-  stack.manager->didDiscoverPeripheral(*stack.central, post, {}, -60);
-  stack.manager->didWriteValueForCharacteristic(post, stack.write, std::nullopt);
-  stack.notify(post, test::hex("68 b0 00 00 01 00 00 d9 00"));
-  stack.manager->didDisconnectPeripheral(*stack.central, post, std::nullopt);
-  stack.manager->didFailToConnectPeripheral(*stack.central, post, std::nullopt);
-  SUCCEED();
-}
-
-TEST(Delegate, ThatImplementsSomeCallbacksGetsOnlyThose) {
-  FakeStack stack;
-  auto delegate = std::make_shared<TQBleManagerDelegate>();
-  std::vector<std::string> calls;
-  delegate->didConnectPeripheral = [&](TQBleManager&, const auto&) { calls.push_back("connect"); };
-  delegate->didDisconnectPeripheral = [&](TQBleManager&, const auto&, const auto&) {
-    calls.push_back("disconnect");
-  };
-  stack.manager->setDelegate(delegate);
-  auto post = stack.connectReadyPost();
-  stack.notify(post, test::hex("00"));
-  stack.manager->didDisconnectPeripheral(*stack.central, post, std::nullopt);
-  EXPECT_EQ(calls, (std::vector<std::string>{"connect", "disconnect"}));
-}
-
-TEST(Delegate, ReleasedByTheApplicationIsSimplyNotCalled) {
+TEST(Delegate, ThatImplementsNothingOrWasReleasedReceivesNothingAndNothingFails) {
   FakeStack stack;
   int calls = 0;
+  auto empty = std::make_shared<TQBleManagerDelegate>();
   {
-    auto delegate = std::make_shared<TQBleManagerDelegate>();
-    delegate->didConnectPeripheral = [&](TQBleManager&, const auto&) { ++calls; };
-    stack.manager->setDelegate(delegate);
+    auto released = std::make_shared<TQBleManagerDelegate>();
+    released->didConnectPeripheral = [&](TQBleManager&, const auto&) { ++calls; };
+    stack.manager->setDelegate(released);
   }
-  stack.connectReadyPost();
+  for (int round = 0; round < 2; ++round) {
+    auto post = stack.connectReadyPost();
+    stack.manager->centralManagerDidUpdateState(*stack.central);
+    stack.manager->didDiscoverPeripheral(*stack.central, post, {}, -60);
+    stack.manager->didWriteValueForCharacteristic(post, stack.write, std::nullopt);
+    stack.notify(post, test::hex("68 b0 00 00 01 00 00 d9 00"));
+    stack.manager->didDisconnectPeripheral(*stack.central, post, std::nullopt);
+    stack.manager->didFailToConnectPeripheral(*stack.central, post, std::nullopt);
+    stack.manager->setDelegate(empty);
+  }
   EXPECT_EQ(calls, 0);
-  EXPECT_TRUE(stack.manager->delegate().expired());
 }
 
-TEST(Delegate, IsReadAfreshBeforeEveryCall) {
+TEST(Delegate, GetsOnlyTheCallbacksItImplementsAndIsReadAfreshBeforeEach) {
   FakeStack stack;
   std::vector<std::string> calls;
   auto first = std::make_shared<TQBleManagerDelegate>();
   auto second = std::make_shared<TQBleManagerDelegate>();
   first->didConnectPeripheral = [&](TQBleManager& m, const auto&) {
-    calls.push_back("first");
+    calls.push_back("first connect");
     m.setDelegate(second);
   };
+  first->didDisconnectPeripheral = [&](TQBleManager&, const auto&, const auto&) {
+    calls.push_back("first disconnect");
+  };
   second->didDisconnectPeripheral = [&](TQBleManager&, const auto&, const auto&) {
-    calls.push_back("second");
+    calls.push_back("second disconnect");
   };
   stack.manager->setDelegate(first);
   auto post = stack.connectReadyPost();
+  stack.notify(post, test::hex("00"));
   stack.manager->didDisconnectPeripheral(*stack.central, post, std::nullopt);
-  EXPECT_EQ(calls, (std::vector<std::string>{"first", "second"}));
+  EXPECT_EQ(calls, (std::vector<std::string>{"first connect", "second disconnect"}));
 }
 
 }  // namespace
