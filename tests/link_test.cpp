@@ -1,8 +1,7 @@
-// Adapter state, scanning, connection and the automatic system-information query,
-// end to end through the simulated radio on virtual time.
+// Adapter state, scanning, connection, the end of a link and the automatic
+// system-information query, end to end through the simulated radio on virtual time.
 #include <gtest/gtest.h>
 
-#include "support/Hex.h"
 #include "support/SimSession.h"
 #include "tqble/platform/NotificationCenter.h"
 
@@ -11,11 +10,12 @@ namespace {
 
 using test::SimSession;
 using namespace std::chrono_literals;
+using Peripheral = std::shared_ptr<ble::Peripheral>;
 
 constexpr char kStateNotification[] = "CentralManagerDidUpdateStateNotification";
 
-TEST(AdapterState,
-     EachChangeReachesTheDelegateAndTheNotificationOnlyOnceTheQueueRunsAndStartsNoScan) {
+// Powering on starts no scan; a scan reports the post with its signal strength until stopped.
+TEST(AdapterState, EachChangeReachesDelegateAndNotificationOnlyOnceTheQueueRunsThenAScanFindsPost) {
   std::vector<Notification> notes;
   const auto token = NotificationCenter::defaultCenter().addObserver(
       kStateNotification, [&notes](const Notification& n) { notes.push_back(n); });
@@ -36,24 +36,6 @@ TEST(AdapterState,
     EXPECT_EQ(notes[i].userInfo, (Dictionary{{kStateNotification, Value{s.log.states[i]}}}));
   }
   EXPECT_TRUE(s.log.discoveries.empty()) << "powering on must not start a scan";
-}
-
-TEST(AdapterState, PoweringOffDropsTheLinkSilentlyAndLaterWritesGoNowhere) {
-  SimSession s;
-  s.connectAndSettle();
-  SimSession::radio().setPowered(false);
-  SimSession::run(1s);
-  EXPECT_TRUE(s.log.disconnects.empty());
-  EXPECT_NE(s.manager->connectedPheral(), nullptr) << "nothing is cleared on power-off";
-  const auto writesBefore = s.post->receivedWrites().size();
-  s.command([&s](TQBleManager& m) { m.queryChargerStateWithError(s.onError()); });
-  EXPECT_TRUE(s.errors.empty());
-  EXPECT_EQ(s.post->receivedWrites().size(), writesBefore);
-  EXPECT_TRUE(s.log.updates.empty());
-}
-
-TEST(Scanning, ReportsThePostWithItsSignalStrengthAsOnePeripheralUntilStopped) {
-  SimSession s;
   s.manager->scanForPeripherals();
   SimSession::run(1500ms);  // reports at 10 ms and 1.01 s
   ASSERT_EQ(s.log.discoveries.size(), 2u);
@@ -70,58 +52,13 @@ TEST(Connection, AFailedAttemptReportsThePlatformErrorAndLeavesNoPeripheralAndNo
   s.post->faults().connectionError = refused;
   s.manager->startConnectPeripheral(s.findPost());
   SimSession::run(4s);
-  EXPECT_EQ(s.log.failures, (std::vector<std::optional<TQError>>{refused}));
-  EXPECT_EQ(s.log.connects, 0);
-  EXPECT_EQ(s.manager->connectedPheral(), nullptr);
+  EXPECT_EQ(s.log.failures, test::Errors{refused});
+  EXPECT_TRUE(s.log.connects == 0 && !s.manager->connectedPheral());
   EXPECT_TRUE(s.post->receivedWrites().empty());
 }
 
-struct EndCase {
-  const char* name;
-  bool stop;  // stopped by the application, or lost
-  std::optional<std::int64_t> errorCode;
-};
-
-class EndedLink : public testing::TestWithParam<EndCase> {};
-
-TEST_P(EndedLink, ClearsThePeripheralKeepsTheCharacteristicsAndAReconnectionReplacesThem) {
-  const EndCase& c = GetParam();
-  SimSession s;
-  auto peripheral = s.connectAndSettle();
-  const auto write = s.manager->writeCharacteristic();
-  const auto read = s.manager->readCharacteristic();
-  if (c.stop) {
-    s.manager->scanForPeripherals();
-    SimSession::run(20ms);
-    s.manager->stopConnectPeripheral(peripheral, s.onError());
-  } else {
-    s.post->dropLink();
-  }
-  SimSession::run(3s);
-  ASSERT_EQ(s.log.disconnects.size(), 1u);
-  EXPECT_EQ(s.log.disconnects[0] ? std::optional{s.log.disconnects[0]->code} : std::nullopt,
-            c.errorCode);
-  EXPECT_TRUE(s.log.discoveries.empty()) << "stopping also stops the scan";
-  EXPECT_EQ(s.manager->connectedPheral(), nullptr);
-  EXPECT_EQ(s.manager->writeCharacteristic(), write);
-  EXPECT_EQ(s.manager->readCharacteristic(), read);
-  s.manager->queryChargerStateWithError(s.onError());
-  ASSERT_EQ(s.errors.size(), 1u);
-  EXPECT_EQ(s.errors[0].code, 1002);
-
-  s.manager->startConnectPeripheral(peripheral);
-  SimSession::run(500ms);
-  EXPECT_NE(s.manager->writeCharacteristic(), write);
-  s.command([](TQBleManager& m) { m.setVolumeWithVolumeSize(35, nullptr); });
-  EXPECT_EQ(s.post->model().volume(), 35);
-}
-
-INSTANTIATE_TEST_SUITE_P(Connection, EndedLink,
-                         testing::Values(EndCase{"Stopped", true, std::nullopt},
-                                         EndCase{"Lost", false, sim::kConnectionTimeoutCode}),
-                         test::caseName);
-
-TEST(Connection, IsReportedBeforeDiscoveryAndQueriesTheSystemInformationThreeSecondsLater) {
+// A quick reconnection does not cancel the first query: it goes out on the new link.
+TEST(Connection, IsReportedBeforeDiscoveryAndEachQueriesTheSystemInformationThreeSecondsLater) {
   SimSession s;
   auto peripheral = s.findPost();
   s.manager->startConnectPeripheral(peripheral);
@@ -131,41 +68,69 @@ TEST(Connection, IsReportedBeforeDiscoveryAndQueriesTheSystemInformationThreeSec
   EXPECT_EQ(s.log.connects, 1);
   EXPECT_FALSE(s.log.writeKnownAtConnect);
   EXPECT_EQ(s.manager->connectedPheral(), peripheral);
-  SimSession::run(2950ms);
-  EXPECT_NE(s.manager->writeCharacteristic(), nullptr);
-  EXPECT_TRUE(s.post->receivedWrites().empty());
-  SimSession::run(100ms);
-  ASSERT_EQ(s.post->receivedWrites().size(), 1u);
-  EXPECT_EQ(test::spaced(s.post->receivedWrites()[0]), "68 B1 00 00 01 00 00 D8 00");
-  s.settle();
-  EXPECT_EQ(s.tapped.at(0).cmdType, 2);
-  EXPECT_EQ(s.manager->cmdType(), 0);
-  ASSERT_EQ(s.manager->systemInfoModelList().size(), 10u);
-  EXPECT_EQ(s.manager->systemInfoModelList()[2]->content, "Velmora");
-}
-
-TEST(SystemInfoQuery, StillGoesOutWhenTheLinkDroppedAndItsFailureIsNotReported) {
-  SimSession s;
-  s.connect();
-  s.post->dropLink();
-  SimSession::run(5s);
-  EXPECT_EQ(s.log.disconnects.size(), 1u);
-  EXPECT_EQ(s.manager->cmdType(), 2) << "the query ran and recorded its tag";
-  EXPECT_TRUE(s.post->receivedWrites().empty());
-  for (const auto& e : s.log.updateErrors) EXPECT_EQ(e, std::nullopt);
-  EXPECT_TRUE(s.log.failures.empty());
-}
-
-TEST(SystemInfoQuery, IsNotCancelledSoAQuickReconnectionGetsTwo) {
-  SimSession s;
-  auto peripheral = s.connect();
+  SimSession::run(500ms);
   s.manager->stopConnectPeripheral(peripheral, nullptr);
   SimSession::run(100ms);
   s.manager->startConnectPeripheral(peripheral);
-  SimSession::run(10s);
-  EXPECT_EQ(s.tapped.size(), 2u);
+  SimSession::run(2350ms);  // 2.95 s after the first connection
+  EXPECT_TRUE(s.post->receivedWrites().empty());
+  SimSession::run(600ms);
+  ASSERT_EQ(s.tapped.size(), 1u);
+  EXPECT_EQ(s.tapped[0].first, 2);
+  EXPECT_EQ(s.manager->cmdType(), 0);
+  EXPECT_EQ(s.manager->systemInfoModelList().size(), 10u);
+  SimSession::run(3s);
   EXPECT_EQ(s.manager->systemInfoModelList().size(), 20u) << "the same ten rows, twice";
 }
+
+struct EndCase {
+  const char* name;
+  void (*end)(SimSession&, const Peripheral&);
+  std::vector<std::optional<std::int64_t>> disconnects;  // codes; none: the link stays recorded
+  std::int64_t commandError;                             // of a command on the ended link; 0: none
+};
+
+class EndedLink : public testing::TestWithParam<EndCase> {};
+
+// The link ends before the automatic query, which still goes out, to nowhere, unreported.
+TEST_P(EndedLink, KeepsTheCharacteristicsTheQueryGoesNowhereAndAReconnectionReplacesThem) {
+  const EndCase& c = GetParam();
+  SimSession s;
+  auto peripheral = s.connect();
+  s.clearLog();
+  const auto write = s.manager->writeCharacteristic();
+  c.end(s, peripheral);
+  SimSession::run(3s);
+  EXPECT_EQ(s.log.disconnects, c.disconnects);
+  EXPECT_TRUE(s.log.discoveries.empty()) << "stopping also stops the scan";
+  EXPECT_EQ(s.manager->connectedPheral(), c.disconnects.empty() ? peripheral : nullptr);
+  EXPECT_TRUE(s.manager->writeCharacteristic() == write && s.manager->readCharacteristic());
+  EXPECT_EQ(s.manager->cmdType(), 2) << "the query ran and recorded its tag";
+  s.manager->queryChargerStateWithError(s.onError());
+  s.settle();
+  EXPECT_EQ(s.errors.size() == 1 ? s.errors[0].code : 0, c.commandError);
+  EXPECT_TRUE(s.post->receivedWrites().empty());
+  EXPECT_TRUE(s.log.updates.empty() && s.log.failures.empty());
+  if (c.disconnects.empty()) return;
+
+  s.manager->startConnectPeripheral(peripheral);
+  SimSession::run(500ms);
+  EXPECT_NE(s.manager->writeCharacteristic(), write);
+  s.command([](TQBleManager& m) { m.setVolumeWithVolumeSize(35, nullptr); });
+  EXPECT_EQ(s.post->model().volume(), 35);
+}
+
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Connection, EndedLink, testing::Values(
+    EndCase{"Stopped", [](SimSession& s, const Peripheral& p) {
+      s.manager->scanForPeripherals();
+      SimSession::run(20ms);
+      s.manager->stopConnectPeripheral(p, s.onError());
+    }, {std::nullopt}, 1002},
+    EndCase{"Lost", [](SimSession& s, const Peripheral&) { s.post->dropLink(); }, {sim::kConnectionTimeoutCode}, 1002},
+    EndCase{"PoweredOff", [](SimSession&, const Peripheral&) { SimSession::radio().setPowered(false); }, {}, 0}),
+    test::caseName);
+// clang-format on
 
 }  // namespace
 }  // namespace tqble

@@ -17,24 +17,17 @@
 namespace tqble::test {
 
 using namespace std::chrono_literals;
+using Errors = std::vector<std::optional<TQError>>;
 
 /// What the delegate heard, in order.
 struct DelegateLog {
   std::vector<std::int64_t> states;
   std::vector<std::pair<std::shared_ptr<ble::Peripheral>, std::int64_t>> discoveries;
   int connects = 0;
-  std::vector<std::optional<TQError>> disconnects;
-  std::vector<std::optional<TQError>> failures;
+  std::vector<std::optional<std::int64_t>> disconnects;  // error codes
+  Errors failures, updateErrors;
   std::vector<std::shared_ptr<TQBleDataModel>> updates;
-  std::vector<std::optional<TQError>> updateErrors;
-  /// Whether the write characteristic was known when didConnectPeripheral came.
-  bool writeKnownAtConnect = false;
-};
-
-/// One complete answer seen through the manager's answer tap.
-struct Tapped {
-  std::int64_t cmdType;
-  Bytes answer;
+  bool writeKnownAtConnect = false;  // when didConnectPeripheral came
 };
 
 class SimSession {
@@ -46,32 +39,19 @@ class SimSession {
     post = radio().addPost();
     manager = TQBleManager::shareManager();
     delegate = std::make_shared<TQBleManagerDelegate>();
-    DelegateLog* log = &this->log;
-    delegate->tqbleManagerCenterState = [log](std::int64_t s) { log->states.push_back(s); };
-    delegate->didDiscoverPeripheral = [log](TQBleManager&, const auto& p, std::int64_t rssi) {
-      log->discoveries.emplace_back(p, rssi);
-    };
-    delegate->didConnectPeripheral = [log](TQBleManager& m, const auto&) {
-      ++log->connects;
-      log->writeKnownAtConnect = m.writeCharacteristic() != nullptr;
-    };
-    delegate->didDisconnectPeripheral = [log](TQBleManager&, const auto&, const auto& e) {
-      log->disconnects.push_back(e);
-    };
-    delegate->didFailToConnectPeripheral = [log](TQBleManager&, const auto&, const auto& e) {
-      log->failures.push_back(e);
-    };
-    if (withUpdates) {
-      delegate->didUpdateValueForCharacteristicValue = [log](TQBleManager&, const auto& model,
-                                                             const auto& e) {
-        log->updates.push_back(model);
-        log->updateErrors.push_back(e);
-      };
-    }
+    DelegateLog* l = &log;
+    // clang-format off
+    delegate->tqbleManagerCenterState = [l](std::int64_t s) { l->states.push_back(s); };
+    delegate->didDiscoverPeripheral = [l](auto&, const auto& p, std::int64_t rssi) { l->discoveries.emplace_back(p, rssi); };
+    delegate->didConnectPeripheral = [l](TQBleManager& m, const auto&) { ++l->connects, l->writeKnownAtConnect = m.writeCharacteristic() != nullptr; };
+    delegate->didDisconnectPeripheral = [l](auto&, const auto&, const auto& e) { l->disconnects.push_back(e ? std::optional{e->code} : std::nullopt); };
+    delegate->didFailToConnectPeripheral = [l](auto&, const auto&, const auto& e) { l->failures.push_back(e); };
+    if (withUpdates)
+      delegate->didUpdateValueForCharacteristicValue = [l](auto&, const auto& m, const auto& e) { l->updates.push_back(m), l->updateErrors.push_back(e); };
+    // clang-format on
     manager->setDelegate(delegate);
-    tap = manager->addAnswerObserver([this](std::int64_t cmdType, const Bytes& answer) {
-      tapped.push_back({cmdType, answer});
-    });
+    manager->addAnswerObserver(
+        [this](std::int64_t tag, const Bytes& answer) { tapped.emplace_back(tag, answer); });
   }
 
   static sim::SimRadio& radio() { return sim::SimRadio::shared(); }
@@ -93,8 +73,7 @@ class SimSession {
     return peripheral;
   }
 
-  /// Connects, lets the automatic system-information query finish, and forgets what
-  /// the delegate and the tap heard so far.
+  /// Connects, lets the automatic system-information query finish and forgets what was heard.
   std::shared_ptr<ble::Peripheral> connectAndSettle() {
     auto peripheral = connect();
     run(3s);
@@ -108,15 +87,11 @@ class SimSession {
     errors.clear();
   }
 
-  /// The delegate calls and answers of one command, given time to arrive.
+  /// Gives one command's answer and delegate calls time to arrive.
   void settle() { run(500ms); }
 
   /// Issues one command and lets its answer arrive.
-  template <class Call>
-  void command(Call&& call) {
-    call(*manager);
-    settle();
-  }
+  void command(void (*call)(TQBleManager&)) { call(*manager), settle(); }
 
   /// An error handler for a command that records into `errors`.
   TQErrorHandler onError() {
@@ -126,7 +101,7 @@ class SimSession {
   /// The lengths of the answers the tap saw, in order.
   std::vector<std::size_t> tappedSizes() const {
     std::vector<std::size_t> sizes;
-    for (const auto& t : tapped) sizes.push_back(t.answer.size());
+    for (const auto& t : tapped) sizes.push_back(t.second.size());
     return sizes;
   }
 
@@ -134,10 +109,20 @@ class SimSession {
   std::shared_ptr<TQBleManager> manager;
   std::shared_ptr<TQBleManagerDelegate> delegate;
   DelegateLog log;
-  std::vector<Tapped> tapped;
+  std::vector<std::pair<std::int64_t, Bytes>> tapped;  // complete answers with their tags
   std::vector<TQError> errors;
-  std::uint64_t tap = 0;
 };
+
+/// The commands the tables send.
+// clang-format off
+inline void systemInfo(TQBleManager& m) { m.querySystemInfoWithError(nullptr); }
+inline void state(TQBleManager& m) { m.queryChargerStateWithError(nullptr); }
+inline void history(TQBleManager& m) { m.queryHistoryChargingListWithError(nullptr); }
+inline void energy(TQBleManager& m) { m.queryCumulationElecQuantityWithError(nullptr); }
+inline void errorLog(TQBleManager& m) { m.queryHistoryErrorLogListWithError(nullptr); }
+inline void diagnosis(TQBleManager& m) { m.runningDiagnosticInfoWithError(nullptr); }
+inline void stopCharge(TQBleManager& m) { m.stopChargeWithError(nullptr); }
+// clang-format on
 
 /// Names a parameterised case after its `name` field.
 inline constexpr auto caseName = [](const auto& info) { return std::string(info.param.name); };
