@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "tqble/ZDataCoverTool.h"
 #include "tqble/platform/Log.h"
 
 namespace tqble {
@@ -27,13 +28,7 @@ json toJson(const Value& value) {
         if constexpr (std::is_same_v<V, std::monostate>) {
           return nullptr;
         } else if constexpr (std::is_same_v<V, Bytes>) {
-          static const char kDigits[] = "0123456789abcdef";
-          std::string hex;
-          for (std::uint8_t b : v) {
-            hex.push_back(kDigits[b >> 4]);
-            hex.push_back(kDigits[b & 15]);
-          }
-          return json{{kBytesTag, hex}};
+          return json{{kBytesTag, ZDataCoverTool::coverFromDataToHexStr(v)}};
         } else {
           return v;
         }
@@ -70,15 +65,10 @@ Value fromJson(const json& j) {
     case json::value_t::object:
       if (j.size() == 1 && j.contains(kBytesTag) && j[kBytesTag].is_string()) {
         const auto& hex = j[kBytesTag].get_ref<const std::string&>();
-        if (hex.size() % 2) throw std::invalid_argument("odd byte text");
-        Bytes bytes;
-        for (std::size_t i = 0; i < hex.size(); i += 2) {
-          std::size_t used = 0;
-          const unsigned long b = std::stoul(hex.substr(i, 2), &used, 16);
-          if (used != 2) throw std::invalid_argument("bad byte text");
-          bytes.push_back(static_cast<std::uint8_t>(b));
+        if (hex.size() % 2 || hex.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+          throw std::invalid_argument("bad byte text");
         }
-        return bytes;
+        return ZDataCoverTool::hexToBytes(hex);
       }
       throw std::invalid_argument("an object that is not a byte value");
     default:
