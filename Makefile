@@ -19,14 +19,17 @@ build: configure
 test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
-demo: build
+demo: configure
+	@cmake --build $(BUILD) -j $(JOBS) --target tqble_cli
 	@$(BUILD)/cli/tqble demo
 
-bench: build
-	@$(BUILD)/bench/tqble_bench
+bench: setup
+	@cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DTQBLE_BUILD_TESTS=OFF >/dev/null
+	@cmake --build build-release -j $(JOBS) --target tqble_bench
+	@build-release/bench/tqble_bench
 
 format:
 	@clang-format -i $$(git ls-files '*.h' '*.cpp')
 
 clean:
-	@rm -rf $(BUILD)
+	@rm -rf $(BUILD) build-release
