@@ -5,6 +5,7 @@
 namespace tqble::decode {
 namespace {
 
+constexpr std::size_t kFirstEntryChar = 24;     // byte 12
 constexpr std::size_t kHistoryEntryChars = 38;  // 19 bytes
 constexpr std::size_t kErrorEntryChars = 16;    // 8 bytes
 
@@ -14,7 +15,10 @@ std::vector<TQBleChargeHistory> chargingHistory(const Bytes& answer) {
   using detail::cut;
   using detail::hexField;
   const std::string hex = ZDataCoverTool::coverFromDataToHexStr(answer);
-  const std::string rest = detail::cutFrom(hex, 24);
+  // The entry count follows from the length, so the list never runs off the answer; one
+  // too short for the header (a refusal, say) holds no entry.
+  if (hex.size() < kFirstEntryChar) return {};
+  const std::string rest = detail::cutFrom(hex, kFirstEntryChar);
   cut(hex, 20, 4);  // an entry count the post sends; the length decides instead
 
   // A trailing partial entry is ignored.
@@ -33,7 +37,7 @@ std::vector<TQBleChargeHistory> chargingHistory(const Bytes& answer) {
     entry.elecQuantity = energy;
     entry.startTime = start;
     entry.endTime = end;
-    entry.duration = detail::widen32(static_cast<std::uint32_t>(seconds));
+    entry.duration = static_cast<std::uint64_t>(std::int64_t{seconds});  // sign kept
     list.push_back(std::move(entry));
   }
   return list;
