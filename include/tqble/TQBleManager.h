@@ -37,7 +37,11 @@ class TQBleManager final : public ble::CentralManagerDelegate,
   /// Chooses the central's factory directly (tests, custom stacks); only before first use.
   static bool useCentralFactory(ble::CentralFactory factory);
 
-  struct PrivateTag {};
+  /// Only shareManager() can make the tag, so every manager is the shared one.
+  class PrivateTag {
+    friend class TQBleManager;
+    explicit PrivateTag() = default;
+  };
   explicit TQBleManager(PrivateTag) {}
   ~TQBleManager() override;
   TQBleManager(const TQBleManager&) = delete;
@@ -133,6 +137,8 @@ class TQBleManager final : public ble::CentralManagerDelegate,
 
   /// Observes each complete answer just before dispatch, with its pending tag; changes
   /// nothing the manager does. Returns a token for removeAnswerObserver.
+  /// Observers must not issue commands synchronously (queue them with MainQueue::async):
+  /// the answer is dispatched by the tag pending when the observer returns.
   using AnswerObserver = std::function<void(std::int64_t cmdType, const Bytes& answer)>;
   std::uint64_t addAnswerObserver(AnswerObserver observer);
   /// Removes an answer observer; unknown tokens are ignored.
@@ -157,6 +163,7 @@ class TQBleManager final : public ble::CentralManagerDelegate,
   // ---- Decoders ----------------------------------------------------------------------
 
   /// System information: rewrites the ten display rows and appends them to the list.
+  /// @throws std::out_of_range when the answer is shorter than 67 bytes.
   void analysisQuerySystemInfo(const Bytes& data);
   /// Charger state (26 or 12 bytes) into dataModel.chargingData.
   void analysisQueryState(const Bytes& data);
@@ -175,7 +182,8 @@ class TQBleManager final : public ble::CentralManagerDelegate,
   /// @throws std::out_of_range when the answer is shorter than 12 bytes.
   void analysisQueryTotalChargingCapacity(const Bytes& data);
   /// Error log: decoded, then dropped.
-  /// @throws std::out_of_range when the entry count exceeds the entries present.
+  /// @throws std::out_of_range when the answer is shorter than 11 bytes or its entry
+  /// count exceeds the entries present.
   void analysisQueryHistoryErrorLogList(const Bytes& data);
   /// Running diagnostics as routed by the dispatcher: does nothing with the answer.
   void analysisChargeOperationDiagnosisInfo(const Bytes& data);
@@ -215,9 +223,10 @@ class TQBleManager final : public ble::CentralManagerDelegate,
   void initOnce();
   /// The delegate if it is still alive.
   std::shared_ptr<TQBleManagerDelegate> liveDelegate() const { return delegate_.lock(); }
-  /// Frames `body` under `code` and writes it to the connected peripheral, wrapping the
-  /// caller's handler.
+  /// Frames `body` under `code` with the status and seed properties, then sends it.
   void issueCommand(std::uint8_t code, const Bytes& body, const TQErrorHandler& error);
+  /// Writes a frame to the connected peripheral, wrapping the caller's handler.
+  void sendFrame(const Bytes& frame, const TQErrorHandler& error);
   /// Appends one notified chunk by the pending command's end-of-answer rule.
   void gatherChunk(const Bytes& chunk);
   /// Shows a complete answer to the answer observers.

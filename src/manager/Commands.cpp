@@ -1,8 +1,8 @@
 // The twelve commands: record the pending tag, build the body, frame it, write it.
 #include <cstdio>
-#include <cstdlib>
 
 #include "manager/FrameLayout.h"
+#include "platform/Text.h"
 #include "tqble/TQBleManager.h"
 #include "tqble/ZConverTool.h"
 #include "tqble/ZDataCoverTool.h"
@@ -12,23 +12,15 @@ namespace {
 
 using namespace detail;  // command codes
 
-// The platform's text-to-int32 reading: leading digits, saturating at the int32 range.
-std::int32_t intValue(const std::string& text) {
-  const long long value = std::strtoll(text.c_str(), nullptr, 10);
-  if (value > INT32_MAX) return INT32_MAX;
-  if (value < INT32_MIN) return INT32_MIN;
-  return static_cast<std::int32_t>(value);
-}
-
 std::uint8_t low8(std::int64_t value) { return static_cast<std::uint8_t>(value & 0xFF); }
 
 }  // namespace
 
 void TQBleManager::issueCommand(std::uint8_t code, const Bytes& body, const TQErrorHandler& error) {
-  // The system-information query always goes out with status 0 and seed 0.
-  const bool literalZero = code == kCmdSystemInfo;
-  const Bytes frame = setDataWithCmd(code, literalZero ? 0 : statusCode(), body,
-                                     literalZero ? 0 : static_cast<std::uint8_t>(rand() & 0xFF));
+  sendFrame(setDataWithCmd(code, statusCode(), body, rand()), error);
+}
+
+void TQBleManager::sendFrame(const Bytes& frame, const TQErrorHandler& error) {
   writeData(frame, connectedPheral(), [error](const TQError& failure) {
     if (error) error(failure);
   });
@@ -36,14 +28,15 @@ void TQBleManager::issueCommand(std::uint8_t code, const Bytes& body, const TQEr
 
 void TQBleManager::synchroTimeWithError(const TQErrorHandler& error) {
   setCmdType(1);
-  const std::int32_t seconds = intValue(ZConverTool::getCurrentTimeInterval());
+  const std::int32_t seconds = detail::intValue(ZConverTool::getCurrentTimeInterval());
   issueCommand(kCmdSynchroTime, ZDataCoverTool::coverToByteWithData(seconds), error);
 }
 
 void TQBleManager::querySystemInfoWithError(const TQErrorHandler& error) {
   setCmdType(2);
   setSystemInfoData(std::nullopt);
-  issueCommand(kCmdSystemInfo, Bytes{0x00}, error);
+  // This query always goes out with status 0 and seed 0, whatever the properties say.
+  sendFrame(setDataWithCmd(kCmdSystemInfo, 0, Bytes{0x00}, 0), error);
 }
 
 void TQBleManager::setVolumeWithVolumeSize(std::int64_t volumeSize, const TQErrorHandler& error) {

@@ -1,5 +1,6 @@
 #include "platform/Text.h"
 
+#include <cstdlib>
 #include <stdexcept>
 
 namespace tqble::detail {
@@ -14,6 +15,17 @@ std::string cut(const std::string& text, std::size_t from, std::size_t length) {
 
 std::string cutFrom(const std::string& text, std::size_t from) {
   return cut(text, from, from <= text.size() ? text.size() - from : 0);
+}
+
+std::int64_t integerValue(const std::string& text) {
+  return std::strtoll(text.c_str(), nullptr, 10);
+}
+
+std::int32_t intValue(const std::string& text) {
+  const std::int64_t value = integerValue(text);
+  if (value > INT32_MAX) return INT32_MAX;
+  if (value < INT32_MIN) return INT32_MIN;
+  return static_cast<std::int32_t>(value);
 }
 
 }  // namespace tqble::detail

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace tqble::detail {
@@ -13,5 +14,12 @@ std::string cut(const std::string& text, std::size_t from, std::size_t length);
 /// The characters of `text` from `from` to its end.
 /// @throws std::out_of_range when `from` lies past the end.
 std::string cutFrom(const std::string& text, std::size_t from);
+
+/// The platform's integerValue of text: leading blanks, an optional sign, decimal digits;
+/// 0 when there are none; saturates at the 64-bit range.
+std::int64_t integerValue(const std::string& text);
+
+/// The platform's intValue of text: as integerValue, saturating at the 32-bit range.
+std::int32_t intValue(const std::string& text);
 
 }  // namespace tqble::detail

@@ -2,6 +2,7 @@
 // texts read back.
 #include <cstdlib>
 
+#include "platform/Text.h"
 #include "tools/Printf.h"
 #include "tools/Utf16.h"
 #include "tqble/ZConverTool.h"
@@ -17,15 +18,12 @@ struct HoursMinutes {
 // Integer division truncating toward zero, as the display has always computed it.
 HoursMinutes split(std::int64_t seconds) { return {seconds / 3600, seconds % 3600 / 60}; }
 
-// Leading blanks, an optional sign and decimal digits; 0 when none; saturates.
-std::int64_t integerValue(const std::string& text) { return std::strtoll(text.c_str(), nullptr, 10); }
-
 // @throws std::out_of_range when 时 or 分 is missing.
 HoursMinutes parseHoursMinutes(const std::string& text) {
   const std::size_t hourMark = detail::utf16Find(text, "时");
-  const std::int64_t hours = integerValue(detail::cut16(text, 0, hourMark));
+  const std::int64_t hours = detail::integerValue(detail::cut16(text, 0, hourMark));
   const std::string rest = detail::cutFrom16(text, hourMark + 1);
-  const std::int64_t minutes = integerValue(detail::cut16(rest, 0, detail::utf16Find(rest, "分")));
+  const std::int64_t minutes = detail::integerValue(detail::cut16(rest, 0, detail::utf16Find(rest, "分")));
   return {hours, minutes};
 }
 
