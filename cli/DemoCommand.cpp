@@ -73,10 +73,14 @@ class Demo {
       if (model->result || model->chargingData) lastModel_ = model;
     };
     manager_->setDelegate(delegate_);
-    manager_->addAnswerObserver([this](std::int64_t, const Bytes& answer) { answer_ = answer; });
+    answerToken_ =
+        manager_->addAnswerObserver([this](std::int64_t, const Bytes& answer) { answer_ = answer; });
   }
 
-  ~Demo() { setLogSink(nullptr); }
+  ~Demo() {
+    manager_->removeAnswerObserver(answerToken_);  // the manager outlives this script
+    setLogSink(nullptr);
+  }
 
   void run() {
     section("Adapter");
@@ -208,6 +212,7 @@ class Demo {
 
   std::shared_ptr<sim::VirtualPost> post_;
   std::shared_ptr<TQBleManager> manager_;
+  std::uint64_t answerToken_ = 0;
   std::shared_ptr<TQBleManagerDelegate> delegate_;
   std::int64_t state_ = ble::CentralManagerStateUnknown;
   std::shared_ptr<ble::Peripheral> found_;

@@ -1,7 +1,7 @@
 // Adapter state, scanning and connection.
 #include <chrono>
 
-#include "tqble/BLESDKConst.h"
+#include "manager/LocalErrors.h"
 #include "tqble/TQBleManager.h"
 #include "tqble/platform/MainQueue.h"
 #include "tqble/platform/NotificationCenter.h"
@@ -29,7 +29,7 @@ void TQBleManager::stopConnectPeripheral(const PeripheralPtr& peripheral,
     centralManager_->cancelPeripheralConnection(peripheral);
     return;
   }
-  if (error) error(TQError{ZBleNOPeripheralErrorMsg, errorNOPeripheralCode, {}});
+  if (error) error(detail::noPeripheralError());
 }
 
 void TQBleManager::stopScan() {

@@ -13,7 +13,6 @@ constexpr std::size_t kDiagnosisLongLength = 74;
 constexpr std::size_t kStateLength = 26;
 constexpr std::size_t kFaultLength = 12;
 constexpr std::size_t kCumulationLength = 13;
-// List answers end with the first notification that is not a full one.
 constexpr std::size_t kFullNotification = 20;
 
 }  // namespace
@@ -83,18 +82,24 @@ void TQBleManager::gatherChunk(const Bytes& chunk) {
     setCmdType(0);
     setSystemInfoData(std::nullopt);
   };
-  const bool partial = chunk.size() == kFullNotification;
+  // The list answers end with the first notification that is not a full one.
+  auto appendList = [&] {
+    append();
+    if (chunk.size() != kFullNotification) dispatch();
+  };
+  auto appendAndDispatch = [&] {
+    append();
+    dispatch();
+  };
 
   if (cmdType_ == 2) {
     if (append() == kSystemInfoLength) dispatch();
   } else if (cmdType_ == 13) {
     if (append() == kDiagnosisLength) dispatch();
   } else if (cmdType_ == 15) {
-    append();
-    if (!partial) dispatch();
+    appendList();
   } else if (cmdType_ == 1 || cmdType_ == 3 || cmdType_ == 5) {
-    append();
-    dispatch();
+    appendAndDispatch();
   } else if (cmdType_ == 6) {
     const std::size_t length = append();
     if (length == kStateLength || length == kFaultLength) dispatch();
@@ -104,11 +109,9 @@ void TQBleManager::gatherChunk(const Bytes& chunk) {
     analysisData(chunk);
     setCmdType(0);
   } else if (cmdType_ == 8) {
-    append();
-    if (!partial) dispatch();
+    appendList();
   } else if (cmdType_ == 15) {  // never reached: the first rule for 15 wins
-    append();
-    if (!partial) dispatch();
+    appendList();
   } else if (cmdType_ == 9) {
     // Only this chunk counts towards the cumulative-energy answer.
     setSystemInfoData(std::nullopt);
@@ -121,11 +124,9 @@ void TQBleManager::gatherChunk(const Bytes& chunk) {
       dispatch();
     }
   } else if (cmdType_ == 14) {
-    append();
-    if (!partial) dispatch();
+    appendList();
   } else if (cmdType_ == 4) {
-    append();
-    dispatch();
+    appendAndDispatch();
   }
   // Anything else: nothing is pending and the chunk is dropped.
 }

@@ -12,6 +12,7 @@ struct Creation {
   std::once_flag allocation;
   std::once_flag initialisation;
   std::shared_ptr<TQBleManager> instance;
+  bool initialised = false;  // a failed start (unknown backend) may be retried with another
   ble::CentralFactory factory;
   std::string backend;
 };
@@ -46,7 +47,7 @@ std::shared_ptr<TQBleManager> TQBleManager::shareManager() {
 
 bool TQBleManager::useBackend(const std::string& name) {
   auto& state = creation();
-  if (state.instance) return false;
+  if (state.initialised) return false;
   state.backend = name;
   state.factory = nullptr;
   return true;
@@ -54,7 +55,7 @@ bool TQBleManager::useBackend(const std::string& name) {
 
 bool TQBleManager::useCentralFactory(ble::CentralFactory factory) {
   auto& state = creation();
-  if (state.instance) return false;
+  if (state.initialised) return false;
   state.factory = std::move(factory);
   return true;
 }
@@ -67,6 +68,7 @@ void TQBleManager::initOnce() {
   setRand(0);
   setCmd(0);
   setCmdType(0);
+  creation().initialised = true;
 }
 
 const TQBleManager::Rows& TQBleManager::systemTitleArr() {

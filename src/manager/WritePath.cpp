@@ -1,5 +1,5 @@
 // The write path: one write without response of a whole frame, or a local error.
-#include "tqble/BLESDKConst.h"
+#include "manager/LocalErrors.h"
 #include "tqble/TQBleManager.h"
 
 namespace tqble {
@@ -7,11 +7,11 @@ namespace tqble {
 void TQBleManager::writeData(const Bytes& data, const PeripheralPtr& peripheral,
                              const TQErrorHandler& error) {
   if (!peripheral) {
-    if (error) error(TQError{ZBleNOPeripheralErrorMsg, errorNOPeripheralCode, {}});
+    if (error) error(detail::noPeripheralError());
     return;
   }
   if (!writeCharacteristic_) {
-    if (error) error(TQError{ZBleWriteValueErrorMsg, errorWriteValueCode, {}});
+    if (error) error(detail::noWriteCharacteristicError());
     return;
   }
   peripheral->writeValue(data, writeCharacteristic_, ble::WriteType::WithoutResponse);

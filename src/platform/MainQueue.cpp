@@ -13,6 +13,7 @@ void MainQueue::async(Task task) {
   {
     std::lock_guard lock(mutex_);
     ready_.push_back(std::move(task));
+    ++sequence_;
   }
   wake_.notify_all();
 }
@@ -115,15 +116,17 @@ bool MainQueue::runUntil(const std::function<bool()>& done, Duration limit) {
       if (done()) return true;
       continue;
     }
+    if (Clock::now() >= deadline) return false;  // even while tasks keep coming
     if (runOneDue(Clock::now())) {
       if (done()) return true;
       continue;
     }
     std::unique_lock lock(mutex_);
-    if (Clock::now() >= deadline) return false;
     auto [has, due] = nextTimer();
     const auto until = has ? std::min(due, deadline) : deadline;
-    wake_.wait_until(lock, until, [this] { return !ready_.empty(); });
+    // Any task or timer handed over meanwhile (maybe due sooner) ends the wait.
+    const auto seen = sequence_;
+    wake_.wait_until(lock, until, [this, seen] { return sequence_ != seen; });
   }
 }
 
@@ -141,7 +144,8 @@ void MainQueue::run() {
     std::unique_lock lock(mutex_);
     if (stopRequested_) return;
     auto [has, due] = nextTimer();
-    auto ready = [this] { return !ready_.empty() || stopRequested_; };
+    const auto seen = sequence_;
+    auto ready = [this, seen] { return sequence_ != seen || stopRequested_; };
     if (has && !virtual_) {
       wake_.wait_until(lock, due, ready);
     } else {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -42,7 +43,7 @@ class MainQueue {
   /// Switches to a virtual clock that moves only while the queue runs. Drops nothing queued.
   void useVirtualClock();
   /// Whether the clock is virtual.
-  bool isVirtual() const { return virtual_; }
+  bool isVirtual() const { return virtual_.load(); }
   /// The queue's current time.
   Clock::time_point now() const;
   /// Number of tasks waiting, immediate and delayed.
@@ -59,8 +60,8 @@ class MainQueue {
   std::condition_variable wake_;
   std::deque<Task> ready_;
   std::multimap<std::pair<Clock::time_point, std::uint64_t>, Task> timers_;
-  std::uint64_t sequence_ = 0;
-  bool virtual_ = false;
+  std::uint64_t sequence_ = 0;  // orders timers due at the same time; counts every hand-over
+  std::atomic<bool> virtual_ = false;
   Clock::time_point virtualNow_{};
   bool stopRequested_ = false;
 };
