@@ -136,10 +136,14 @@ const std::vector<Bytes>& RecordingStack::writes() const {
 
 Bytes parseHex(const std::string& text) {
   std::string digits;
-  for (char c : text) {
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
     const auto u = static_cast<unsigned char>(c);
     if (std::isspace(u)) continue;
-    if (!std::isxdigit(u)) throw UsageError(std::string("not a hex digit: '") + c + "'");
+    if (!std::isxdigit(u)) {
+      // The position, not the character: a byte of a multi-byte character is no text.
+      throw UsageError("not a hex digit at position " + std::to_string(i + 1));
+    }
     digits.push_back(c);
   }
   if (digits.size() % 2)

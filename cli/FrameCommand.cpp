@@ -74,6 +74,9 @@ int runFrame(const std::vector<std::string>& args) {
                        command.parameters[values.size()] + ">");
     }
 
+    if (time && std::string_view(command.name) != "synchroTimeWithError") {
+      throw UsageError("--time applies to synchroTimeWithError only");
+    }
     if (time) detail::setNowSource([seconds = *time] { return seconds; });
     RecordingStack stack;
     if (status) stack.manager().setStatusCode(*status);

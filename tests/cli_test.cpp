@@ -48,7 +48,7 @@ TEST(CommandLineTool, PrintsTheExactFrameOrJsonLogsOnlyWhenAskedAndFailsWithOneL
        "~\"chargeState\": \"充电中\"", ""},
       {"frame launchRocket", 2, "", "tqble frame: unknown command 'launchRocket'\n"},
       {"frame stopChargeWithError --rand 256", 2, "", "tqble frame: --rand must be an integer from 0 to 255, not '256'\n"},
-      {"decode queryChargerStateWithError 6g", 2, "", "tqble decode: not a hex digit: 'g'\n"},
+      {"decode queryChargerStateWithError 6g", 2, "", "tqble decode: not a hex digit at position 2\n"},
       {"decode queryHistoryErrorLogListWithError '68 34 00 00 00 00 00 00 00 00 02 00 00 00 00 01 00 00 00'",
        1, "",  // the count says two entries
        "tqble decode: the answer is too short for queryHistoryErrorLogListWithError: "

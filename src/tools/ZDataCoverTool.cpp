@@ -97,10 +97,11 @@ namespace {
 // The platform's description of a byte buffer: "<" + lower-case hex in groups of four
 // bytes separated by single spaces + ">". Log lines show buffers this way.
 std::string describeData(const Bytes& data) {
+  const std::string hex = ZDataCoverTool::coverFromDataToHexStr(data);
   std::string text = "<";
-  for (std::size_t i = 0; i < data.size(); ++i) {
-    if (i > 0 && i % 4 == 0) text.push_back(' ');
-    text += ZDataCoverTool::coverFromDataToHexStr({data[i]});
+  for (std::size_t i = 0; i < hex.size(); i += 8) {
+    if (i > 0) text.push_back(' ');
+    text += hex.substr(i, 8);
   }
   return text + ">";
 }
@@ -123,7 +124,8 @@ Bytes ZDataCoverTool::coverFromStringToHexData(const std::string& text) {
 }
 
 std::string ZDataCoverTool::coverFromStringToHexStr(const std::string& text) {
-  std::string described = describeData(coverFromStringToHexData(text));
+  // The text's C string: it ends at the first NUL, like the platform's UTF8String.
+  std::string described = describeData(coverFromStringToHexData(text.c_str()));
   std::erase(described, '<');
   std::erase(described, '>');
   return described;
