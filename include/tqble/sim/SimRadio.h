@@ -52,7 +52,8 @@ class SimRadio {
 
   Timing& timing() { return timing_; }
 
-  /// Puts a new post in range.
+  /// Puts a new post in range. Its clock counts from the main queue's time, so choose a
+  /// virtual clock (MainQueue::useVirtualClock) before adding posts.
   std::shared_ptr<VirtualPost> addPost(PostSetup setup = {});
   /// Takes a post out of range, dropping its links.
   void removePost(const std::shared_ptr<VirtualPost>& post);

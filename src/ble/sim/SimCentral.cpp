@@ -113,7 +113,7 @@ void SimCentral::scanForPeripheralsWithServices(const std::vector<ble::UUID>& se
   // Every post offers only "FFF0"; a filter without it hears nothing.
   if (!serviceUUIDs.empty() &&
       std::none_of(serviceUUIDs.begin(), serviceUUIDs.end(),
-                   [](const ble::UUID& u) { return u.UUIDString() == "FFF0"; })) {
+                   [](const ble::UUID& u) { return u.UUIDString() == kService; })) {
     scanning_ = false;
     return;
   }
@@ -133,7 +133,7 @@ void SimCentral::advertise(std::uint64_t scan) {
     if (!post->advertising() || post->connected()) continue;
     auto peripheral = peripheralFor(post);
     const Dictionary advertisement{{"kCBAdvDataLocalName", Value{post->name()}},
-                                   {"kCBAdvDataServiceUUIDs", Value{std::vector<std::string>{"FFF0"}}}};
+                                   {"kCBAdvDataServiceUUIDs", Value{std::vector<std::string>{kService}}}};
     if (auto d = liveDelegate()) d->didDiscoverPeripheral(*this, peripheral, advertisement, post->rssi());
     if (!scanning_ || scan != scanNumber_) return;
   }

@@ -16,6 +16,11 @@
 
 namespace tqble::sim {
 
+// The charger's attributes as every virtual post offers them.
+inline constexpr char kService[] = "FFF0";
+inline constexpr char kWrite[] = "FFF3";
+inline constexpr char kRead[] = "FFF4";
+
 class SimCentral;
 class SimService;
 
@@ -88,6 +93,7 @@ class SimPeripheral final : public ble::Peripheral,
   /// Runs `task` after `delay` if this link is still up then.
   void later(std::chrono::nanoseconds delay, std::function<void(SimPeripheral&)> task);
   void buildTable();
+  void forgetTable();
   void deliverAnswer(const Bytes& answer);
   bool isOurs(const std::shared_ptr<ble::Characteristic>& c) const;
 

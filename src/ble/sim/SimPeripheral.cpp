@@ -9,9 +9,6 @@
 namespace tqble::sim {
 namespace {
 
-constexpr char kService[] = "FFF0";
-constexpr char kWrite[] = "FFF3";
-constexpr char kRead[] = "FFF4";
 // A second service every post offers, which the SDK is meant to pass over.
 constexpr char kDeviceInformation[] = "180A";
 constexpr std::uint64_t kWriteProperties =
@@ -54,6 +51,10 @@ void SimPeripheral::linkUp() {
 void SimPeripheral::linkDown() {
   link_ = Link::Disconnected;
   ++linkNumber_;
+  forgetTable();
+}
+
+void SimPeripheral::forgetTable() {
   table_.clear();
   servicesDiscovered_ = false;
   readCharacteristic_.reset();
@@ -63,11 +64,7 @@ void SimPeripheral::linkDown() {
 
 void SimPeripheral::buildTable() {
   const Faults& faults = post_->faults();
-  table_.clear();
-  servicesDiscovered_ = false;
-  readCharacteristic_.reset();
-  writeCharacteristic_.reset();
-  notifying_ = false;
+  forgetTable();
   table_.push_back(std::make_shared<SimService>(ble::UUID::fromString(kDeviceInformation)));
   if (faults.missingService) return;
   auto service = std::make_shared<SimService>(presented(kService, faults));

@@ -42,13 +42,18 @@ void putSerialDigits(Bytes& out, std::uint32_t serial) {
   for (std::uint32_t divisor : {1000u, 100u, 10u, 1u}) out.push_back(static_cast<std::uint8_t>(serial / divisor % 10));
 }
 
+// The post number goes out one decimal digit per byte, 20 bytes, padded with zeros.
+void putNumberDigits(Bytes& out, const std::string& number) {
+  for (std::size_t i = 0; i < 20; ++i) {
+    const char c = i < number.size() ? number[i] : '0';
+    out.push_back(static_cast<std::uint8_t>(c >= '0' && c <= '9' ? c - '0' : 0));
+  }
+}
+
 Bytes systemInfoBody(const PostModel& model, std::uint8_t gun) {
   const PostIdentity& id = model.identity();
   Bytes body;
-  for (std::size_t i = 0; i < 20; ++i) {
-    const char c = i < id.number.size() ? id.number[i] : '0';
-    body.push_back(static_cast<std::uint8_t>(c >= '0' && c <= '9' ? c - '0' : 0));
-  }
+  putNumberDigits(body, id.number);
   body.push_back(id.postType);
   body.push_back(id.manufacturer);
   putBE(body, id.magic, 4);
@@ -128,11 +133,9 @@ std::uint8_t chargeStateCode(const PostModel& model) {
 
 Bytes diagnosisBody(const PostModel& model) {
   const PostIdentity& id = model.identity();
-  Bytes body(58, 0);
-  for (std::size_t i = 0; i < 20 && i < id.number.size(); ++i) {
-    const char c = id.number[i];
-    body[i] = static_cast<std::uint8_t>(c >= '0' && c <= '9' ? c - '0' : 0);
-  }
+  Bytes body;
+  putNumberDigits(body, id.number);
+  body.resize(58, 0);
   body[20] = id.firmware[0];
   body[21] = id.firmware[1];
   body[22] = id.firmware[2];
