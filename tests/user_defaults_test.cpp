@@ -88,3 +88,28 @@ TEST_F(DefaultsFile, SavedValuesAreWrittenAtOncePageFlagsStayInMemoryAndEmptyMea
 
 }  // namespace
 }  // namespace tqble
+
+namespace tqble {
+namespace {
+
+// The test runs itself again as a second process that saves through the public helpers.
+TEST(DefaultsRestart, ValuesSavedByOneProcessAreReadByTheNextAndPageFlagsAreNot) {
+  if (std::getenv("TQBLE_DEFAULTS_WRITER")) {
+    ZGeneralTool::userDefaultSaveValue(std::string("FFF3"), "lastPost");  // synchronizes
+    ZGeneralTool::savePageFlag("guideSeen");                              // memory only
+    return;
+  }
+  const fs::path dir = fs::temp_directory_path() / ("tqble-restart-" + std::to_string(::getpid()));
+  fs::remove_all(dir);
+  ::setenv("XDG_CONFIG_HOME", dir.c_str(), 1);
+  const std::string child = "TQBLE_DEFAULTS_WRITER=1 '" +
+                            fs::read_symlink("/proc/self/exe").string() +
+                            "' --gtest_filter=DefaultsRestart.* >/dev/null";
+  ASSERT_EQ(std::system(child.c_str()), 0);
+  EXPECT_EQ(ZGeneralTool::userDefaultObjiectForKey("lastPost"), Value{std::string("FFF3")});
+  EXPECT_TRUE(ZGeneralTool::isFirstWith("guideSeen"));
+  fs::remove_all(dir);
+}
+
+}  // namespace
+}  // namespace tqble
