@@ -1,9 +1,10 @@
 #include "tqble/platform/Log.h"
 
+#include "platform/Text.h"
+
 #include <cstdarg>
 #include <cstdio>
 #include <string>
-#include <vector>
 
 namespace tqble {
 namespace {
@@ -20,12 +21,7 @@ void setLogSink(LogSink newSink) { sink() = std::move(newSink); }
 void TQLog(const char* format, ...) {
   va_list args;
   va_start(args, format);
-  va_list copy;
-  va_copy(copy, args);
-  const int length = std::vsnprintf(nullptr, 0, format, copy);
-  va_end(copy);
-  std::string line(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
-  if (length > 0) std::vsnprintf(line.data(), line.size() + 1, format, args);
+  const std::string line = detail::vformat(format, args);
   va_end(args);
   if (sink()) {
     sink()(line);

@@ -1,5 +1,6 @@
 #include "platform/Text.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
 
@@ -26,6 +27,16 @@ std::int32_t intValue(const std::string& text) {
   if (value > INT32_MAX) return INT32_MAX;
   if (value < INT32_MIN) return INT32_MIN;
   return static_cast<std::int32_t>(value);
+}
+
+std::string vformat(const char* format, va_list args) {
+  va_list copy;
+  va_copy(copy, args);
+  const int length = std::vsnprintf(nullptr, 0, format, copy);
+  va_end(copy);
+  std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+  if (length > 0) std::vsnprintf(text.data(), text.size() + 1, format, args);
+  return text;
 }
 
 }  // namespace tqble::detail

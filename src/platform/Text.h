@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -21,5 +22,8 @@ std::int64_t integerValue(const std::string& text);
 
 /// The platform's intValue of text: as integerValue, saturating at the 32-bit range.
 std::int32_t intValue(const std::string& text);
+
+/// vsnprintf into a text of the right size.
+std::string vformat(const char* format, va_list args);
 
 }  // namespace tqble::detail
