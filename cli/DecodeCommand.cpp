@@ -1,9 +1,9 @@
 // `tqble decode`: one answer frame decoded as the manager decodes that command's answer,
 // printed as JSON.
 #include <cstdio>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "AnswerJson.h"
 #include "CommandCatalogue.h"
 #include "Subcommands.h"
 #include "tqble/AnswerDecoding.h"
@@ -11,8 +11,6 @@
 
 namespace tqble::cli {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 constexpr char kDecodeUsage[] =
     "usage: tqble decode <command> <hex> [--log]\n"
@@ -25,60 +23,16 @@ constexpr char kDecodeUsage[] =
     "  although the manager itself drops that answer unread. --log writes the decoder's\n"
     "  log lines to stderr.\n";
 
-Json text(const OptionalText& value) {
-  return value ? Json(*value) : Json(nullptr);
-}
-
-template <typename Record>
-Json chargeFields(const Record& r) {
-  return Json{{"serialNumber", text(r.serialNumber)},
-              {"elecQuantity", r.elecQuantity},
-              {"voltage", r.voltage},
-              {"electric", r.electric},
-              {"duration", r.duration},
-              {"gunStatus", text(r.gunStatus)},
-              {"failureReason", text(r.failureReason)}};
-}
-
-Json historyEntry(const TQBleChargeHistory& entry) {
-  Json json = chargeFields(entry);
-  json["startTime"] = text(entry.startTime);
-  json["endTime"] = text(entry.endTime);
-  return json;
-}
-
-Json diagnosis(const TQBleRunDiagnosticInfo& d) {
-  return Json{{"startMode", d.startMode},
-              {"versionNum", text(d.versionNum)},
-              {"ammeterState", text(d.ammeterState)},
-              {"startTime", text(d.startTime)},
-              {"chargeState", text(d.chargeState)},
-              {"voltage", text(d.voltage)},
-              {"elec", text(d.elec)},
-              {"errorInfo", text(d.errorInfo)},
-              {"netConnectState", text(d.netConnectState)},
-              {"screenWorkingState", text(d.screenWorkingState)},
-              {"elecLockState", text(d.elecLockState)}};
-}
-
 Json decodeAnswer(const Command& command, const Bytes& answer, bool log) {
   switch (command.answer) {
-    case AnswerKind::History: {
-      Json list = Json::array();
-      for (const auto& entry : decode::chargingHistory(answer)) list.push_back(historyEntry(entry));
-      return list;
-    }
+    case AnswerKind::History:
+      return toJson(decode::chargingHistory(answer));
     case AnswerKind::Energy:
-      return Json{{"cumulativeEnergy", decode::cumulativeEnergy(answer)}};
-    case AnswerKind::ErrorLog: {
-      Json list = Json::array();
-      for (const auto& entry : decode::errorLog(answer)) {
-        list.push_back(Json{{"date", text(entry.date)}, {"errorCode", entry.errorCode}});
-      }
-      return list;
-    }
+      return toJson(CumulativeEnergy{decode::cumulativeEnergy(answer)});
+    case AnswerKind::ErrorLog:
+      return toJson(decode::errorLog(answer));
     case AnswerKind::Diagnosis:
-      return diagnosis(decode::runningDiagnosis(answer));
+      return toJson(decode::runningDiagnosis(answer));
     case AnswerKind::Result:
     case AnswerKind::ChargerState:
     case AnswerKind::SystemInfo:
@@ -109,7 +63,7 @@ Json decodeAnswer(const Command& command, const Bytes& answer, bool log) {
 
 int runDecode(const std::vector<std::string>& args) {
   if (args.empty() || args[0] == "--help") {
-    std::fputs(kDecodeUsage, stderr);
+    std::fputs(kDecodeUsage, args.empty() ? stderr : stdout);
     return args.empty() ? 2 : 0;
   }
   const Command* command = nullptr;

@@ -19,13 +19,13 @@ constexpr char kFrameUsage[] =
     "  that synchroTimeWithError sends.\n"
     "  commands:";
 
-void printUsage() {
-  std::fputs(kFrameUsage, stderr);
+void printUsage(std::FILE* out) {
+  std::fputs(kFrameUsage, out);
   for (const auto& command : commands()) {
-    std::fprintf(stderr, "\n    %s", command.name);
-    for (const char* parameter : command.parameters) std::fprintf(stderr, " <%s>", parameter);
+    std::fprintf(out, "\n    %s (%s)", command.name, command.shortName);
+    for (const char* parameter : command.parameters) std::fprintf(out, " <%s>", parameter);
   }
-  std::fputc('\n', stderr);
+  std::fputc('\n', out);
 }
 
 double parseSeconds(const std::string& text) {
@@ -41,7 +41,7 @@ double parseSeconds(const std::string& text) {
 
 int runFrame(const std::vector<std::string>& args) {
   if (args.empty() || args[0] == "--help") {
-    printUsage();
+    printUsage(args.empty() ? stderr : stdout);
     return args.empty() ? 2 : 0;
   }
   try {

@@ -2,11 +2,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <tuple>
+#include <vector>
 
 namespace {
 
@@ -21,8 +23,21 @@ std::string slurp(const std::string& path) {
 std::tuple<int, std::string, std::string> tqble(const std::string& arguments) {
   const std::string path = ::testing::TempDir() + "tqble_cli_" + std::to_string(getpid());
   const std::string command = std::string(TQBLE_CLI_PATH) + " " + arguments;
-  const int wait = std::system((command + " >" + path + ".out 2>" + path + ".err").c_str());
+  const int wait = std::system(("{ " + command + "; } >" + path + ".out 2>" + path + ".err").c_str());
   return {WIFEXITED(wait) ? WEXITSTATUS(wait) : -1, slurp(path + ".out"), slurp(path + ".err")};
+}
+
+// Runs a table of (arguments, exit status, the whole output or after '~' a part of it, the
+// whole error output).
+using Cases = std::vector<std::tuple<std::string, int, std::string, std::string>>;
+void expectRuns(const Cases& cases) {
+  for (const auto& [arguments, status, out, err] : cases) {
+    const auto [runStatus, runOut, runErr] = tqble(arguments);
+    EXPECT_EQ(std::pair(runStatus, runErr), std::pair(status, err)) << arguments;
+    EXPECT_TRUE(out[0] == '~' ? runOut.find(out.substr(1)) != std::string::npos : runOut == out)
+        << arguments << "\n"
+        << runOut;
+  }
 }
 
 TEST(CommandLineTool, PrintsTheExactFrameOrJsonLogsOnlyWhenAskedAndFailsWithOneLine) {
@@ -30,7 +45,7 @@ TEST(CommandLineTool, PrintsTheExactFrameOrJsonLogsOnlyWhenAskedAndFailsWithOneL
                            std::string(72, '0') + "08";
   // arguments, exit status, the whole output or (after '~') a part of it, the log or error
   // clang-format off
-  const std::tuple<std::string, int, std::string, std::string> cases[] = {
+  expectRuns({
       {"frame setVolumeWithVolumeSize 35", 0, "68 B2 00 00 01 00 00 EE 35\n", ""},
       {"frame setVolumeWithVolumeSize 5", 0, "68 B2 00 00 00 00 00 DA\n", ""},
       {"frame orderChargerWithStartHour 22 30 6 0", 0, "68 B3 00 00 05 00 00 D1 01 16 1E 06 00\n", ""},
@@ -53,15 +68,42 @@ TEST(CommandLineTool, PrintsTheExactFrameOrJsonLogsOnlyWhenAskedAndFailsWithOneL
        1, "",  // the count says two entries
        "tqble decode: the answer is too short for queryHistoryErrorLogListWithError: "
        "range {16, 8} out of bounds; length 16\n"},
-  };
+      {"frame volume 35", 0, "68 B2 00 00 01 00 00 EE 35\n", ""},
+      {"decode stop 68b600000100000001", 0, "{\n  \"resultType\": 0\n}\n", ""},
+      {"--version", 0, "tqble 1.0.0\n", ""},
+      {"--help", 0, "~       tqble watch POST [--every S]", ""},
+      {"help run", 0, "~    diagnostics  runningDiagnosticInfoWithError\n", ""},
+      {"help frame", 0, "~    setVolumeWithVolumeSize (volume) <volume>\n", ""},
+      {"decode --help", 0, "~usage: tqble decode", ""},
+      {"history --help", 0, "~start, end, duration_s", ""},
+      {"run - launch", 2, "", "tqble run: unknown command 'launch' (see 'tqble help run')\n"},
+      {"run - volume", 2, "", "tqble run: volume: missing <volume> (see 'tqble help run')\n"},
+      {"run - state --backend nope", 2, "", "tqble run: unknown backend 'nope' (built in: sim) (see 'tqble help run')\n"},
+      {"watch", 2, "", "tqble watch: missing POST (see 'tqble help watch')\n"},
+  });
   // clang-format on
-  for (const auto& [arguments, status, out, err] : cases) {
-    const auto [runStatus, runOut, runErr] = tqble(arguments);
-    EXPECT_EQ(std::pair(runStatus, runErr), std::pair(status, err)) << arguments;
-    EXPECT_TRUE(out[0] == '~' ? runOut.find(out.substr(1)) != std::string::npos : runOut == out)
-        << arguments << "\n"
-        << runOut;
-  }
+}
+
+TEST(CommandLineTool, AsksTheSimulatedPostThroughTheClient) {
+  // clang-format off
+  expectRuns({
+      {"scan --seconds 0.5", 0, "TQ-AC7-0042          SIM-POST-0001         -58 dBm\n", ""},
+      {"run TQ-AC7-0042 volume 35", 0, "{\n  \"resultType\": 0\n}\n", ""},
+      {"run sim-post-0001 energy --table", 0, "cumulativeEnergy  120000\n", ""},
+      {"history - --csv", 0, "start,end,duration_s,energy_kWh\n"
+                             "2023-11-13 18:26:40,2023-11-13 20:26:40,7200,12.400\n"
+                             "2023-11-14 08:20:00,2023-11-14 09:05:00,2700,3.150\n", ""},
+      {"survey -", 0, "~\"errors\": [\n    {\n      \"date\": \"2023-11-12 14:40:00\",\n      \"errorCode\": 8\n", ""},
+  });
+  // clang-format on
+}
+
+TEST(CommandLineTool, WatchesTheStateUntilInterrupted) {
+  const auto [status, out, err] = tqble("watch - --every 0.5 & pid=$!; sleep 4.5; kill -INT $pid; wait $pid");
+  EXPECT_EQ(status, 0) << err;
+  EXPECT_EQ(err, "");
+  EXPECT_GE(std::count(out.begin(), out.end(), '\n'), 2) << out;
+  EXPECT_NE(out.find("\"gunStatus\":\"未知\""), std::string::npos) << out;
 }
 
 }  // namespace

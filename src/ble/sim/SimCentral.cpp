@@ -72,6 +72,11 @@ std::shared_ptr<ble::CentralManager> SimRadio::makeCentral(
     postsAdded_ = true;
     posts_.push_back(std::make_shared<VirtualPost>());
     defaultPost_ = posts_.back();
+    // Some past life, so that its history and error log have something to show.
+    PostModel& model = posts_.back()->model();
+    model.addHistory({998, 12'400, 1'699'900'000, 1'699'907'200, 7200});
+    model.addHistory({999, 3'150, 1'699'950'000, 1'699'952'700, 2700});
+    model.addError({1'699'800'000, 8});
   }
   auto central = std::make_shared<SimCentral>(std::move(delegate));
   centrals_.push_back(central);
