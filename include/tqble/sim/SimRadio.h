@@ -33,7 +33,8 @@ inline constexpr std::int64_t kReadNotPermittedCode = 2;
 
 /// The process-wide simulated radio: one adapter, the posts in range, and every central
 /// made on it. Everything it reports goes through the main queue. Starts powered on; the
-/// first central finds one post with the default setup unless the program added its own.
+/// first central finds one post with the default setup, a car plugged in, two past sessions
+/// and one logged error, unless the program added its own.
 class SimRadio {
  public:
   /// The radio of this process.

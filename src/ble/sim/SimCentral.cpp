@@ -77,6 +77,7 @@ std::shared_ptr<ble::CentralManager> SimRadio::makeCentral(
     model.addHistory({998, 12'400, 1'699'900'000, 1'699'907'200, 7200});
     model.addHistory({999, 3'150, 1'699'950'000, 1'699'952'700, 2700});
     model.addError({1'699'800'000, 8});
+    model.plugIn();  // a car waits, so that a first program can charge it
   }
   auto central = std::make_shared<SimCentral>(std::move(delegate));
   centrals_.push_back(central);
