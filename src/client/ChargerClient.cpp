@@ -192,6 +192,7 @@ void ChargerClient::armConnectTimeout() {
                                                      : "no post named '" + c.wanted_ + "' heard")
                            : error(ClientErrorKind::TimedOut, "the link did not become ready in time");
     c.connectDone(&e);
+    c.failAll(e);  // requests kept for a reconnection that did not come
   });
 }
 
@@ -417,9 +418,14 @@ void ChargerClient::onRangeError(const std::out_of_range& range) {
                        std::string("the answer could not be decoded: ") + range.what());
   if (inFlight_ && answer_) {
     complete(&e);
-  } else if (onError_) {
-    onError_(e);
+    return;
   }
+  if (inFlight_ && stale_) {
+    // Left-over bytes, not the running request's answer: it goes on waiting.
+    stale_ = false;
+    manager_->setCmdType(queue_.front().tag);
+  }
+  if (onError_) onError_(e);
 }
 
 // Each command with the tag it records and how its answer becomes a value.
