@@ -144,25 +144,23 @@ void ChargerClient::stopScan() {
   manager_->stopScan();
 }
 
-void ChargerClient::connect(const PeripheralPtr& peripheral, Completion<PeripheralPtr> done) {
+bool ChargerClient::beginConnect(Completion<PeripheralPtr>& done) {
   if (link_ != Link::Idle) {
     done(error(ClientErrorKind::ConnectFailed, "a link is already open or being opened"));
-    return;
+    return false;
   }
   connectDone_ = std::move(done);
   userClosed_ = false;
   reconnectsLeft_ = options_.reconnect.attempts;
-  startConnecting(peripheral);
+  return true;
+}
+
+void ChargerClient::connect(const PeripheralPtr& peripheral, Completion<PeripheralPtr> done) {
+  if (beginConnect(done)) startConnecting(peripheral);
 }
 
 void ChargerClient::connect(const std::string& nameOrIdentifier, Completion<PeripheralPtr> done) {
-  if (link_ != Link::Idle) {
-    done(error(ClientErrorKind::ConnectFailed, "a link is already open or being opened"));
-    return;
-  }
-  connectDone_ = std::move(done);
-  userClosed_ = false;
-  reconnectsLeft_ = options_.reconnect.attempts;
+  if (!beginConnect(done)) return;
   wanted_ = nameOrIdentifier;
   link_ = Link::Finding;
   armConnectTimeout();

@@ -214,6 +214,7 @@ class ChargerClient {
   void installDelegate();
   void after(std::chrono::milliseconds delay, std::function<void(ChargerClient&)> task);
   void startScanning();
+  bool beginConnect(Completion<PeripheralPtr>& done);
   void startConnecting(const PeripheralPtr& peripheral);
   void armConnectTimeout();
   void linkUp(const PeripheralPtr& peripheral);
