@@ -51,8 +51,11 @@ const char* describe(ClientErrorKind kind);
 template <typename T>
 class Outcome {
  public:
+  /// An answer.
   Outcome(T value) : state_(std::move(value)) {}
+  /// A failure.
   Outcome(ClientError error) : state_(std::move(error)) {}
+  /// Whether it holds an answer.
   bool ok() const { return state_.index() == 0; }
   /// The answer.  @throws std::bad_variant_access when the request failed.
   const T& value() const { return std::get<0>(state_); }
@@ -63,6 +66,7 @@ class Outcome {
   std::variant<T, ClientError> state_;
 };
 
+/// Receives a request's outcome, on the main queue.
 template <typename T>
 using Completion = std::function<void(const Outcome<T>&)>;
 
@@ -125,7 +129,9 @@ struct ClientOptions {
 
 /// The client of one post. One per process is meant (the manager is one); it makes itself
 /// the manager's delegate and forwards every call, unchanged and first, to the delegate
-/// set with setDelegate().
+/// set with setDelegate() (since the client implements the value-update call, the manager
+/// drops its record after each update). After each connection the first request waits for
+/// the system information the manager asks for by itself 3 s later.
 class ChargerClient {
  public:
   using PeripheralPtr = std::shared_ptr<ble::Peripheral>;
@@ -151,6 +157,7 @@ class ChargerClient {
 
   /// Scans and reports every advertisement until stopScan().
   void scan(Heard heard);
+  /// Stops scanning.
   void stopScan();
   /// Connects; completes once the link is ready (both characteristics known and the
   /// post's first read absorbed), or fails (ConnectFailed, TimedOut, LinkLost).
@@ -165,23 +172,33 @@ class ChargerClient {
   /// The post of the current (or last) link.
   const PeripheralPtr& peripheral() const { return peripheral_; }
 
-  // ---- Requests: queued, written one at a time once the link is ready ----
+  // ---- Requests: queued, written one at a time once the link is ready; asked while no
+  // link is open or being opened, they fail with NotConnected ----
 
+  /// Sets the post's clock to now.
   void synchroTime(Completion<SettingResult> done);
+  /// The ten system-information rows, as the manager shows them.
   void querySystemInfo(Completion<SystemInfo> done);
   /// Volume 0-100; digits 0-9 travel as an empty body and the post may refuse them.
   void setVolume(std::int64_t volume, Completion<SettingResult> done);
+  /// Reserves a charging period (hours 0-23, minutes 0-59).
   void reserve(std::int64_t startHour, std::int64_t startMinute, std::int64_t endHour,
                std::int64_t endMinute, Completion<SettingResult> done);
+  /// Starts charging; the post refuses unless a car is plugged in.
   void startCharging(Completion<SettingResult> done);
+  /// The charger state, or its fault.
   void queryChargerState(Completion<ChargerState> done);
   /// Stop charging, as the post acknowledged it (the manager itself always reports success).
   void stopCharging(Completion<SettingResult> done);
   /// Live charging data: the state request, read as the state answer.
   void queryChargingData(Completion<ChargerState> done);
+  /// The charging sessions.
   void queryHistory(Completion<ChargingHistory> done);
+  /// The energy delivered over the post's life.
   void queryCumulativeEnergy(Completion<CumulativeEnergy> done);
+  /// The error log.
   void queryErrorLog(Completion<ErrorLog> done);
+  /// The running diagnostics (texts with their units, as decoded).
   void queryDiagnostics(Completion<TQBleRunDiagnosticInfo> done);
   /// Requests waiting or running.
   std::size_t queued() const { return queue_.size(); }
