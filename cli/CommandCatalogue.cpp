@@ -168,7 +168,7 @@ std::string spacedHex(const Bytes& bytes) {
   return text;
 }
 
-std::string padded(const std::string& s, std::size_t columns) {
+std::size_t displayWidth(const std::string& s) {
   std::size_t width = 0;
   for (std::size_t i = 0; i < s.size();) {
     const auto lead = static_cast<unsigned char>(s[i]);
@@ -176,6 +176,11 @@ std::string padded(const std::string& s, std::size_t columns) {
     width += length >= 3 ? 2 : 1;
     i += length;
   }
+  return width;
+}
+
+std::string padded(const std::string& s, std::size_t columns) {
+  const std::size_t width = displayWidth(s);
   return s + std::string(columns > width ? columns - width : 1, ' ');
 }
 

@@ -64,6 +64,8 @@ class RecordingStack {
 Bytes parseHex(const std::string& text);
 /// Upper-case hex bytes separated by single spaces ("68 B5 00").
 std::string spacedHex(const Bytes& bytes);
+/// Terminal columns of UTF-8 text (CJK characters count two).
+std::size_t displayWidth(const std::string& s);
 /// `s` padded with blanks to `columns` terminal columns (CJK characters count two).
 std::string padded(const std::string& s, std::size_t columns);
 /// A whole decimal integer in [min, max].  @throws UsageError otherwise.

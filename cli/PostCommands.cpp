@@ -186,7 +186,7 @@ void printTable(const Json& json) {
   }
   std::vector<std::size_t> widths(keys.size(), 0);
   for (const auto& row : rows) {
-    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], padded(row[i], 0).size() - 1);
+    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], displayWidth(row[i]));
   }
   for (const auto& row : rows) {
     std::string line;
