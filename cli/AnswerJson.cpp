@@ -2,7 +2,9 @@
 
 namespace tqble::cli {
 
-Json text(const OptionalText& value) { return value ? Json(*value) : Json(nullptr); }
+Json text(const OptionalText& value) {
+  return value ? Json(*value) : Json(nullptr);
+}
 
 Json toJson(const TQBleChargeHistory& entry) {
   Json json = chargeFields(entry);
@@ -29,9 +31,13 @@ Json toJson(const TQBleRunDiagnosticInfo& d) {
               {"elecLockState", text(d.elecLockState)}};
 }
 
-Json toJson(const SettingResult& result) { return Json{{"resultType", result.resultType}}; }
+Json toJson(const SettingResult& result) {
+  return Json{{"resultType", result.resultType}};
+}
 
-Json toJson(const ChargerState& state) { return chargeFields(state.data); }
+Json toJson(const ChargerState& state) {
+  return chargeFields(state.data);
+}
 
 Json toJson(const SystemInfo& info) {
   Json rows = Json::array();
@@ -39,6 +45,8 @@ Json toJson(const SystemInfo& info) {
   return rows;
 }
 
-Json toJson(const CumulativeEnergy& energy) { return Json{{"cumulativeEnergy", energy.raw}}; }
+Json toJson(const CumulativeEnergy& energy) {
+  return Json{{"cumulativeEnergy", energy.raw}};
+}
 
 }  // namespace tqble::cli

@@ -95,11 +95,16 @@ int exitStatus(ClientErrorKind kind) {
   switch (kind) {
     case ClientErrorKind::NotConnected:
     case ClientErrorKind::NotFound:
-    case ClientErrorKind::ConnectFailed: return 3;
-    case ClientErrorKind::WriteFailed: return 4;
-    case ClientErrorKind::TimedOut: return 5;
-    case ClientErrorKind::LinkLost: return 6;
-    case ClientErrorKind::Malformed: return 7;
+    case ClientErrorKind::ConnectFailed:
+      return 3;
+    case ClientErrorKind::WriteFailed:
+      return 4;
+    case ClientErrorKind::TimedOut:
+      return 5;
+    case ClientErrorKind::LinkLost:
+      return 6;
+    case ClientErrorKind::Malformed:
+      return 7;
   }
   return 1;
 }
@@ -125,7 +130,8 @@ class Session {
     })
                      : LogSink([](std::string_view) {}));
     client.emplace();
-    client->setErrorHandler([](const ClientError& e) { std::fprintf(stderr, "%s\n", e.message.c_str()); });
+    client->setErrorHandler(
+        [](const ClientError& e) { std::fprintf(stderr, "%s\n", e.message.c_str()); });
   }
   ~Session() {
     if (client->ready()) {
@@ -136,7 +142,8 @@ class Session {
 
   /// Connects to `post` ("-": the first post heard).  @throws PostFailure.
   void connect(const std::string& post) {
-    wait<ChargerClient::PeripheralPtr>([&](auto done) { client->connect(post == "-" ? "" : post, done); });
+    wait<ChargerClient::PeripheralPtr>(
+        [&](auto done) { client->connect(post == "-" ? "" : post, done); });
   }
 
   /// Runs one request to its end.  @throws PostFailure.
@@ -186,11 +193,13 @@ void printTable(const Json& json) {
   }
   std::vector<std::size_t> widths(keys.size(), 0);
   for (const auto& row : rows) {
-    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], displayWidth(row[i]));
+    for (std::size_t i = 0; i < row.size(); ++i)
+      widths[i] = std::max(widths[i], displayWidth(row[i]));
   }
   for (const auto& row : rows) {
     std::string line;
-    for (std::size_t i = 0; i < row.size(); ++i) line += i + 1 < row.size() ? padded(row[i], widths[i] + 2) : row[i];
+    for (std::size_t i = 0; i < row.size(); ++i)
+      line += i + 1 < row.size() ? padded(row[i], widths[i] + 2) : row[i];
     std::printf("%s\n", line.c_str());
   }
 }
@@ -209,7 +218,8 @@ int guarded(const char* name, const std::vector<std::string>& args,
     std::fprintf(stderr, "tqble %s: %s (see 'tqble help %s')\n", name, e.what(), name);
     return 2;
   } catch (const PostFailure& f) {
-    std::fprintf(stderr, "tqble %s: %s: %s\n", name, describe(f.error.kind), f.error.message.c_str());
+    std::fprintf(stderr, "tqble %s: %s: %s\n", name, describe(f.error.kind),
+                 f.error.message.c_str());
     return exitStatus(f.error.kind);
   }
 }
@@ -220,7 +230,8 @@ std::function<void(std::FILE*)> textUsage(const char* usage) {
 
 const std::string& onlyPost(const Options& o, std::size_t extra = 0) {
   if (o.words.empty()) throw UsageError("missing POST");
-  if (o.words.size() > 1 + extra) throw UsageError("unexpected argument '" + o.words[1 + extra] + "'");
+  if (o.words.size() > 1 + extra)
+    throw UsageError("unexpected argument '" + o.words[1 + extra] + "'");
   return o.words[0];
 }
 
@@ -247,8 +258,9 @@ int runScan(const std::vector<std::string>& args) {
                   static_cast<long long>(rssi));
       std::fflush(stdout);
     });
-    session.client->runUntil([] { return false; },
-                             std::chrono::milliseconds(static_cast<std::int64_t>(o.seconds * 1000)));
+    session.client->runUntil(
+        [] { return false; },
+        std::chrono::milliseconds(static_cast<std::int64_t>(o.seconds * 1000)));
     session.client->stopScan();
     return 0;
   });
@@ -262,11 +274,14 @@ int runRun(const std::vector<std::string>& args) {
     Args values;
     for (std::size_t i = 2; i < o.words.size(); ++i) {
       if (values.size() == command.parameters.size())
-        throw UsageError(std::string(command.shortName) + ": unexpected argument '" + o.words[i] + "'");
-      values.push_back(parseInteger(o.words[i], command.parameters[values.size()], INT64_MIN, INT64_MAX));
+        throw UsageError(std::string(command.shortName) + ": unexpected argument '" + o.words[i] +
+                         "'");
+      values.push_back(
+          parseInteger(o.words[i], command.parameters[values.size()], INT64_MIN, INT64_MAX));
     }
     if (values.size() < command.parameters.size())
-      throw UsageError(std::string(command.shortName) + ": missing <" + command.parameters[values.size()] + ">");
+      throw UsageError(std::string(command.shortName) + ": missing <" +
+                       command.parameters[values.size()] + ">");
     Session session(o);
     session.connect(o.words[0]);
     const Json answer = session.ask(command, values);
@@ -338,15 +353,17 @@ int runHistory(const std::vector<std::string>& args) {
     const std::string& post = onlyPost(o);
     Session session(o);
     session.connect(post);
-    const auto sessions = session.wait<ChargingHistory>([&](auto done) { session.client->queryHistory(done); });
+    const auto sessions =
+        session.wait<ChargingHistory>([&](auto done) { session.client->queryHistory(done); });
     if (!o.csv) {
       std::printf("%s\n", toJson(sessions).dump(2).c_str());
       return 0;
     }
     std::printf("start,end,duration_s,energy_kWh\n");
     for (const auto& s : sessions) {
-      std::printf("%s,%s,%lld,%.3f\n", s.startTime.value_or("").c_str(), s.endTime.value_or("").c_str(),
-                  static_cast<long long>(units::seconds(s.duration)), units::kilowattHours(s.elecQuantity));
+      std::printf(
+          "%s,%s,%lld,%.3f\n", s.startTime.value_or("").c_str(), s.endTime.value_or("").c_str(),
+          static_cast<long long>(units::seconds(s.duration)), units::kilowattHours(s.elecQuantity));
     }
     return 0;
   });

@@ -29,7 +29,8 @@ T await(ChargerClient& client, Request request) {
 int main() {
   setLogSink([](std::string_view) {});  // the SDK's own log lines are not for this screen
   ChargerClient client;
-  const auto post = await<ChargerClient::PeripheralPtr>(client, [&](auto done) { client.connect("", done); });
+  const auto post =
+      await<ChargerClient::PeripheralPtr>(client, [&](auto done) { client.connect("", done); });
   std::printf("connected to %s\n", post->name().c_str());
 
   const auto clock = await<SettingResult>(client, [&](auto done) { client.synchroTime(done); });
@@ -42,7 +43,8 @@ int main() {
   std::printf("charging\n");
   for (int i = 0; i < 3; ++i) {
     client.runUntil([] { return false; }, std::chrono::seconds(1));
-    const auto state = await<ChargerState>(client, [&](auto done) { client.queryChargerState(done); });
+    const auto state =
+        await<ChargerState>(client, [&](auto done) { client.queryChargerState(done); });
     std::printf("  %s: %.3f kWh, %.1f A, %lld s\n", state.data.gunStatus.value_or("--").c_str(),
                 units::kilowattHours(state.data.elecQuantity), units::amperes(state.data.electric),
                 static_cast<long long>(units::seconds(state.data.duration)));
@@ -50,7 +52,8 @@ int main() {
   const auto stopped = await<SettingResult>(client, [&](auto done) { client.stopCharging(done); });
   std::printf("stopped: %s\n", stopped.accepted() ? "yes" : "refused");
 
-  const auto history = await<ChargingHistory>(client, [&](auto done) { client.queryHistory(done); });
+  const auto history =
+      await<ChargingHistory>(client, [&](auto done) { client.queryHistory(done); });
   if (!history.empty()) {
     const auto& last = history.back();
     std::printf("last session %s: %s to %s, %.3f kWh\n", last.serialNumber.value_or("").c_str(),

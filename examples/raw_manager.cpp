@@ -35,9 +35,11 @@ int main() {
   MainQueue& queue = MainQueue::main();  // every callback arrives on the main queue
   // Nothing marks the link as ready: wait for both characteristics, then for the system
   // information the manager asks for 3 s after connecting, so no answer is mistaken.
-  if (!queue.runUntil([&] { return manager->writeCharacteristic() && manager->readCharacteristic(); }, 10s))
+  if (!queue.runUntil(
+          [&] { return manager->writeCharacteristic() && manager->readCharacteristic(); }, 10s))
     return 1;
-  queue.runUntil([&] { return !manager->systemInfoModelList().empty() && manager->cmdType() == 0; }, 10s);
+  queue.runUntil([&] { return !manager->systemInfoModelList().empty() && manager->cmdType() == 0; },
+                 10s);
   for (const auto& row : manager->systemTitleArr()) {
     std::printf("  %s: %s\n", row->title.value_or("").c_str(), row->content.value_or("").c_str());
   }

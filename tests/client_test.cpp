@@ -38,7 +38,9 @@ struct ClientSession {
     client->runUntil([&] { return outcome.has_value(); }, 30s);
     return outcome.value_or(Outcome<T>(ClientError{ClientErrorKind::NotFound, 0, "never ended"}));
   }
-  bool nothingPending() { return client->manager().cmdType() == 0 && client->manager().systemInfoData().empty(); }
+  bool nothingPending() {
+    return client->manager().cmdType() == 0 && client->manager().systemInfoData().empty();
+  }
 
   std::shared_ptr<sim::VirtualPost> post;
   std::unique_ptr<ChargerClient> client;
@@ -77,7 +79,9 @@ TEST(ChargerClient, WritesRequestsOneAtATimeInTheOrderAsked) {
   ClientSession s;
   s.connect();
   std::vector<std::string> ended;
-  auto note = [&](const char* name) { return [&ended, name](const auto&) { ended.push_back(name); }; };
+  auto note = [&](const char* name) {
+    return [&ended, name](const auto&) { ended.push_back(name); };
+  };
   s.client->queryChargerState(note("state"));
   s.client->synchroTime(note("time"));
   s.client->setVolume(35, note("volume"));

@@ -38,13 +38,20 @@ bool sameText(const std::string& a, const std::string& b) {
 
 const char* describe(ClientErrorKind kind) {
   switch (kind) {
-    case ClientErrorKind::NotConnected: return "not connected";
-    case ClientErrorKind::WriteFailed: return "write failed";
-    case ClientErrorKind::TimedOut: return "timed out";
-    case ClientErrorKind::LinkLost: return "link lost";
-    case ClientErrorKind::Malformed: return "malformed answer";
-    case ClientErrorKind::ConnectFailed: return "connection failed";
-    case ClientErrorKind::NotFound: return "post not found";
+    case ClientErrorKind::NotConnected:
+      return "not connected";
+    case ClientErrorKind::WriteFailed:
+      return "write failed";
+    case ClientErrorKind::TimedOut:
+      return "timed out";
+    case ClientErrorKind::LinkLost:
+      return "link lost";
+    case ClientErrorKind::Malformed:
+      return "malformed answer";
+    case ClientErrorKind::ConnectFailed:
+      return "connection failed";
+    case ClientErrorKind::NotFound:
+      return "post not found";
   }
   return "error";
 }
@@ -64,7 +71,8 @@ ChargerClient::~ChargerClient() {
   manager_->setDelegate(appDelegate_);
 }
 
-void ChargerClient::after(std::chrono::milliseconds delay, std::function<void(ChargerClient&)> task) {
+void ChargerClient::after(std::chrono::milliseconds delay,
+                          std::function<void(ChargerClient&)> task) {
   auto run = [alive = std::weak_ptr<bool>(alive_), this, task = std::move(task)] {
     if (alive.lock()) task(*this);
   };
@@ -185,10 +193,11 @@ void ChargerClient::armConnectTimeout() {
     } else {
       c.manager_->stopConnectPeripheral(c.peripheral_, nullptr);
     }
-    const auto e = finding ? error(ClientErrorKind::NotFound,
-                                   c.wanted_.empty() ? std::string("no post heard")
-                                                     : "no post named '" + c.wanted_ + "' heard")
-                           : error(ClientErrorKind::TimedOut, "the link did not become ready in time");
+    const auto e = finding
+                       ? error(ClientErrorKind::NotFound,
+                               c.wanted_.empty() ? std::string("no post heard")
+                                                 : "no post named '" + c.wanted_ + "' heard")
+                       : error(ClientErrorKind::TimedOut, "the link did not become ready in time");
     c.connectDone(&e);
     c.failAll(e);  // requests kept for a reconnection that did not come
   });
@@ -282,7 +291,8 @@ void ChargerClient::disconnect() {
   if (inFlight_) complete(&e);
   failAll(e);
   if (was == Link::Finding) stopScan();
-  if (was != Link::Idle && was != Link::Finding) manager_->stopConnectPeripheral(peripheral_, nullptr);
+  if (was != Link::Idle && was != Link::Finding)
+    manager_->stopConnectPeripheral(peripheral_, nullptr);
   connectDone(&e);
 }
 
@@ -291,21 +301,21 @@ void ChargerClient::disconnect() {
 template <typename T>
 void ChargerClient::enqueue(std::int64_t tag, std::uint8_t code, Issue issue,
                             std::function<T(const Bytes&)> value, Completion<T> done) {
-  Request request{tag, code, std::move(issue),
-                  [value = std::move(value), done = std::move(done)](const Bytes& answer,
-                                                                    const ClientError* e) {
-                    if (!done) return;
-                    if (e) return done(*e);
-                    std::optional<Outcome<T>> outcome;
-                    try {
-                      outcome.emplace(value(answer));
-                    } catch (const std::out_of_range& range) {
-                      outcome.emplace(error(ClientErrorKind::Malformed,
-                                            std::string("the answer could not be decoded: ") +
-                                                range.what()));
-                    }
-                    done(*outcome);
-                  }};
+  Request request{
+      tag, code, std::move(issue),
+      [value = std::move(value), done = std::move(done)](const Bytes& answer,
+                                                         const ClientError* e) {
+        if (!done) return;
+        if (e) return done(*e);
+        std::optional<Outcome<T>> outcome;
+        try {
+          outcome.emplace(value(answer));
+        } catch (const std::out_of_range& range) {
+          outcome.emplace(error(ClientErrorKind::Malformed,
+                                std::string("the answer could not be decoded: ") + range.what()));
+        }
+        done(*outcome);
+      }};
   if (link_ == Link::Idle) {
     // Nothing to wait for: fail on the queue, as every other outcome arrives.
     after(0ms, [request = std::move(request)](ChargerClient&) {
@@ -332,10 +342,10 @@ void ChargerClient::dispatch() {
   queue_.front().issue(*manager_, [refused](const TQError& e) { *refused = e; });
   if (*refused) {
     clearPending();
-    const auto e = error(ClientErrorKind::WriteFailed,
-                         "write failed (" + std::to_string((*refused)->code) + "): " +
-                             (*refused)->domain,
-                         (*refused)->code);
+    const auto e =
+        error(ClientErrorKind::WriteFailed,
+              "write failed (" + std::to_string((*refused)->code) + "): " + (*refused)->domain,
+              (*refused)->code);
     complete(&e);
     return;
   }

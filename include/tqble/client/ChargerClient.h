@@ -27,13 +27,13 @@ namespace tqble {
 
 /// Why a client step failed.
 enum class ClientErrorKind {
-  NotConnected,  ///< no ready link (and no reconnection under way)
-  WriteFailed,   ///< the manager refused the write: code 1001 or 1002
-  TimedOut,      ///< no (complete) answer or link in time
-  LinkLost,      ///< the link went down before the answer was complete
-  Malformed,     ///< the answer could not be decoded
-  ConnectFailed, ///< the stack refused the connection
-  NotFound,      ///< no post heard whose name or identifier matches
+  NotConnected,   ///< no ready link (and no reconnection under way)
+  WriteFailed,    ///< the manager refused the write: code 1001 or 1002
+  TimedOut,       ///< no (complete) answer or link in time
+  LinkLost,       ///< the link went down before the answer was complete
+  Malformed,      ///< the answer could not be decoded
+  ConnectFailed,  ///< the stack refused the connection
+  NotFound,       ///< no post heard whose name or identifier matches
 };
 
 /// A failed client step: its kind, the manager's code for WriteFailed (else 0) and a
@@ -73,13 +73,21 @@ using Completion = std::function<void(const Outcome<T>&)>;
 /// Unit conversions of the raw integers the decoders store, as the post sends them.
 namespace units {
 /// Voltage fields count 0.1 V.
-constexpr double volts(std::uint64_t raw) { return static_cast<double>(raw) / 10.0; }
+constexpr double volts(std::uint64_t raw) {
+  return static_cast<double>(raw) / 10.0;
+}
 /// Current fields count 0.1 A.
-constexpr double amperes(std::uint64_t raw) { return static_cast<double>(raw) / 10.0; }
+constexpr double amperes(std::uint64_t raw) {
+  return static_cast<double>(raw) / 10.0;
+}
 /// Energy fields count watt-hours.
-constexpr double kilowattHours(std::uint64_t raw) { return static_cast<double>(raw) / 1000.0; }
+constexpr double kilowattHours(std::uint64_t raw) {
+  return static_cast<double>(raw) / 1000.0;
+}
 /// Duration fields count seconds (a negative 32-bit value arrives sign-extended).
-constexpr std::int64_t seconds(std::uint64_t raw) { return static_cast<std::int64_t>(raw); }
+constexpr std::int64_t seconds(std::uint64_t raw) {
+  return static_cast<std::int64_t>(raw);
+}
 }  // namespace units
 
 /// One system-information display row.
@@ -148,10 +156,14 @@ class ChargerClient {
   /// The manager underneath.
   TQBleManager& manager() { return *manager_; }
   /// The application's delegate: receives every manager call, as the manager makes it.
-  void setDelegate(std::weak_ptr<TQBleManagerDelegate> delegate) { appDelegate_ = std::move(delegate); }
+  void setDelegate(std::weak_ptr<TQBleManagerDelegate> delegate) {
+    appDelegate_ = std::move(delegate);
+  }
   /// Errors no request owns (an answer the manager could not decode while nothing was
   /// asked through the client). Default: one log line.
-  void setErrorHandler(std::function<void(const ClientError&)> handler) { onError_ = std::move(handler); }
+  void setErrorHandler(std::function<void(const ClientError&)> handler) {
+    onError_ = std::move(handler);
+  }
 
   // ---- Link ----
 
@@ -270,7 +282,7 @@ class ChargerClient {
   bool autoQueryDue_ = false;
   bool autoAnswered_ = false;
 
-  std::deque<Request> queue_;     // the front one runs when inFlight_
+  std::deque<Request> queue_;  // the front one runs when inFlight_
   bool inFlight_ = false;
   std::uint64_t generation_ = 0;  // tells a stale request time-out from the current one
   std::optional<Bytes> answer_;   // the running request's answer, seen before dispatch
