@@ -33,4 +33,7 @@ constexpr std::size_t kFrameHeaderLength = 8;
 /// seeded with `seed` over header bytes 0-6 and the body), then the body if any.
 Bytes buildFrame(std::uint8_t cmd, std::uint8_t status, const Bytes* body, std::uint8_t seed);
 
+/// The checksum byte `frame` should carry: `seed` XOR every byte but the checksum itself.
+std::uint8_t frameChecksum(const Bytes& frame, std::uint8_t seed);
+
 }  // namespace tqble::detail
