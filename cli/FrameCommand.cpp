@@ -14,9 +14,9 @@ namespace {
 constexpr char kFrameUsage[] =
     "usage: tqble frame <command> [arguments] [--status N] [--rand N] [--time SECONDS]\n"
     "  Prints the frame the command writes, as upper-case hex bytes separated by single\n"
-    "  spaces, then the command's name and code. --status and --rand (0-255) set the manager's properties of that name;\n"
-    "  querySystemInfoWithError ignores both. --time fixes the clock (seconds since 1970)\n"
-    "  that synchroTimeWithError sends.\n"
+    "  spaces, then the command's name and code. --status and --rand (0-255) set the\n"
+    "  manager's properties of that name; querySystemInfoWithError ignores both. --time\n"
+    "  fixes the clock (seconds since 1970) that synchroTimeWithError sends.\n"
     "  commands:";
 
 void printUsage() {

@@ -80,10 +80,18 @@ cleanup
 run=user
 fresh_root user /home/dev/tqble
 : >"$cache/user.log"
-timed "(host) apt-get install sudo, useradd" chroot "$root" bash -c '
-  apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq sudo >/dev/null &&
-  useradd -m -s /bin/bash dev && echo dev:fresh-secret | chpasswd && adduser -q dev sudo'
+timed "(prepare) useradd dev" chroot "$root" useradd -m -s /bin/bash dev
 chown -R 1000:1000 "$root/home/dev"
+says() {  # says <text> <shell command>: the command fails and its error output holds text
+  local err
+  if err=$(in_root dev "$2" 2>&1 >/dev/null); then echo "'$2' succeeded" >&2; return 1; fi
+  grep -qF "$1" <<<"$err" || { echo "'$2' said: $err" >&2; return 1; }
+}
+timed "./scripts/setup.sh without sudo fails" says "sudo is not installed" "./scripts/setup.sh"
+timed "(prepare) apt-get install sudo" chroot "$root" bash -c '
+  apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq sudo >/dev/null &&
+  echo dev:fresh-secret | chpasswd && adduser -q dev sudo'
+timed "./scripts/setup.sh without a tty fails" says "no terminal to ask for it" "./scripts/setup.sh </dev/null"
 prompts() {
   (sleep 5; echo fresh-secret) |
     in_root dev "script -qfec ./scripts/setup.sh /dev/null" | tee "$cache/user.tty"

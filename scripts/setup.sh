@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 
 # Everything the project needs from Debian 12, one package per word.
 packages=(
-  make build-essential cmake pkg-config
+  make build-essential cmake pkg-config file
   libicu-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
 )
