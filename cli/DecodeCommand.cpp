@@ -158,11 +158,13 @@ int runDecode(const std::vector<std::string>& args) {
       if (args[i] == "--log") {
         log = true;
       } else if (args[i] == "-") {
-        hex += " " + std::string(std::istreambuf_iterator<char>(std::cin), {});
+        hex.push_back(' ');
+        hex.append(std::istreambuf_iterator<char>(std::cin), {});
       } else if (args[i].starts_with("--")) {
         throw UsageError("unknown option '" + args[i] + "'");
       } else {
-        hex += " " + args[i];  // unquoted bytes and notifications arrive as several arguments
+        hex.push_back(' ');  // unquoted bytes and notifications arrive as several arguments
+        hex += args[i];
       }
     }
     if (hex.empty()) throw UsageError(std::string(command->name) + ": missing <hex>");
