@@ -4,6 +4,8 @@
 # the password on a terminal. Each run starts from a new copy of a debootstrap
 # --variant=minbase bookworm root, cached in build-fresh/. Prints the wall time of each
 # step. Needs root on the host, debootstrap and the network. MIRROR picks the Debian mirror.
+# Two whole builds from nothing take about half an hour on a busy 2-core machine (a quarter
+# of an hour at best), which is why CI does not run it: `make check-fresh` does.
 set -euo pipefail
 repo=$(cd "$(dirname "$0")/.." && pwd)
 cache=$repo/build-fresh
