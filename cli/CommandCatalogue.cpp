@@ -144,10 +144,21 @@ const std::vector<Bytes>& RecordingStack::writes() const {
 
 Bytes parseHex(const std::string& text) {
   std::string digits;
+  bool groupStart = true;
   for (std::size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
     const auto u = static_cast<unsigned char>(c);
-    if (std::isspace(u)) continue;
+    if (std::isspace(u) || c == '-' || c == ':') {
+      groupStart = true;
+      continue;
+    }
+    // A group may start with 0x, as generic BLE apps and C sources write bytes.
+    if (groupStart && c == '0' && i + 1 < text.size() && (text[i + 1] == 'x' || text[i + 1] == 'X')) {
+      ++i;
+      groupStart = false;
+      continue;
+    }
+    groupStart = false;
     if (!std::isxdigit(u)) {
       // The position, not the character: a byte of a multi-byte character is no text.
       throw UsageError("not a hex digit at position " + std::to_string(i + 1));

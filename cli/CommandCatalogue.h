@@ -59,7 +59,8 @@ class RecordingStack {
   std::shared_ptr<RecordingPost> post_;
 };
 
-/// Bytes of hex text; blanks between digits are allowed.
+/// Bytes of hex text; blanks, dashes and colons may split it, and each group may start
+/// with 0x ("68-B5", "68:b5", "0x68 0xB5", "0x68B5").
 /// @throws UsageError on odd length or a character that is not a hex digit.
 Bytes parseHex(const std::string& text);
 /// Upper-case hex bytes separated by single spaces ("68 B5 00").

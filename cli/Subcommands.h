@@ -9,7 +9,7 @@ namespace tqble::cli {
 
 /// `tqble frame <command> [arguments] [--status N] [--rand N] [--time SECONDS]`
 int runFrame(const std::vector<std::string>& args);
-/// `tqble decode <command> <hex>`
+/// `tqble decode <command> <hex>... [--log]`
 int runDecode(const std::vector<std::string>& args);
 /// `tqble demo`: a scripted session against the virtual charging post.
 int runDemo(const std::vector<std::string>& args);

@@ -16,7 +16,7 @@ constexpr char kUsage[] =
     "       tqble watch POST [--every S]                  the charger state, live\n"
     "       tqble history POST [--csv]                    the charging sessions\n"
     "       tqble frame COMMAND [ARGUMENTS] [--status N] [--rand N] [--time SECONDS]\n"
-    "       tqble decode COMMAND HEX [--log]\n"
+    "       tqble decode COMMAND HEX... | - [--log]\n"
     "       tqble demo\n"
     "       tqble help [SUBCOMMAND] | --help | --version\n"
     "Commands that ask a post take --backend sim|bluez (sim: a simulated post, the default).\n"

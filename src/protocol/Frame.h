@@ -46,6 +46,9 @@ constexpr std::size_t kCumulationLength = 13;
 /// seeded with `seed` over header bytes 0-6 and the body), then the body if any.
 Bytes buildFrame(std::uint8_t cmd, std::uint8_t status, const Bytes* body, std::uint8_t seed);
 
+/// The checksum byte `frame` should carry: `seed` XOR every byte but the checksum itself.
+std::uint8_t frameChecksum(const Bytes& frame, std::uint8_t seed);
+
 /// Whether `answer` begins with the header of a frame carrying command `cmd`.
 bool startsFrame(const Bytes& answer, std::uint8_t cmd);
 
