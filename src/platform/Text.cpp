@@ -6,11 +6,15 @@
 
 namespace tqble::detail {
 
-std::string cut(const std::string& text, std::size_t from, std::size_t length) {
-  if (from > text.size() || length > text.size() - from) {
+void checkCut(std::size_t size, std::size_t from, std::size_t length) {
+  if (from > size || length > size - from) {
     throw std::out_of_range("range {" + std::to_string(from) + ", " + std::to_string(length) +
-                            "} out of bounds; length " + std::to_string(text.size()));
+                            "} out of bounds; length " + std::to_string(size));
   }
+}
+
+std::string cut(const std::string& text, std::size_t from, std::size_t length) {
+  checkCut(text.size(), from, length);
   return text.substr(from, length);
 }
 
