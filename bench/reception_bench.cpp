@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "platform/DateFormat.h"
 #include "tqble/AnswerDecoding.h"
 #include "tqble/TQBleManager.h"
 #include "tqble/platform/Log.h"
@@ -152,6 +153,18 @@ BENCHMARK(BM_DecodeHistory5);
 BENCHMARK(BM_DecodeCumulativeEnergy);
 BENCHMARK(BM_DecodeErrorLog5);
 BENCHMARK(BM_DecodeDiagnostics);
+
+// One post-time text, from the cached zone offsets and through ICU's formatter.
+void BM_PostTimeText(benchmark::State& s) {
+  std::int64_t t = 1'700'000'000;
+  for (auto _ : s) benchmark::DoNotOptimize(detail::formatPostTime(t += 3'601));
+}
+void BM_PostTimeTextThroughICU(benchmark::State& s) {
+  std::int64_t t = 1'700'000'000;
+  for (auto _ : s) benchmark::DoNotOptimize(detail::formatPostTimeSlowly(t += 3'601));
+}
+BENCHMARK(BM_PostTimeText);
+BENCHMARK(BM_PostTimeTextThroughICU);
 
 }  // namespace
 
