@@ -42,8 +42,8 @@ icu::SimpleDateFormat* formatterFor(const std::string& pattern) {
   auto& slot = cache.byKey[{pattern, locale.getName()}];
   if (!slot) {
     UErrorCode status = U_ZERO_ERROR;
-    auto formatter = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString::fromUTF8(pattern),
-                                                             locale, status);
+    auto formatter = std::make_unique<icu::SimpleDateFormat>(
+        icu::UnicodeString::fromUTF8(pattern), locale, status);
     if (U_FAILURE(status)) return nullptr;
     formatter->setLenient(false);  // parsing only; formatting is unaffected
     slot = std::move(formatter);
@@ -73,9 +73,9 @@ struct ZoneOffsets {
   std::uint64_t generation = ~std::uint64_t{0};
   std::string locale;
   bool usable = false;
-  std::vector<std::int64_t>
-      starts;  // seconds from which offsets[i] holds; starts[0] is the range's start
-  std::vector<std::int32_t> offsets;  // seconds east of UTC
+  // offsets[i] (seconds east of UTC) holds from starts[i] on; starts[0] is the range's start.
+  std::vector<std::int64_t> starts;
+  std::vector<std::int32_t> offsets;
 };
 
 constexpr std::int64_t kFirst = INT32_MIN;
