@@ -42,8 +42,8 @@ icu::SimpleDateFormat* formatterFor(const std::string& pattern) {
   auto& slot = cache.byKey[{pattern, locale.getName()}];
   if (!slot) {
     UErrorCode status = U_ZERO_ERROR;
-    auto formatter = std::make_unique<icu::SimpleDateFormat>(
-        icu::UnicodeString::fromUTF8(pattern), locale, status);
+    auto formatter = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString::fromUTF8(pattern),
+                                                             locale, status);
     if (U_FAILURE(status)) return nullptr;
     formatter->setLenient(false);  // parsing only; formatting is unaffected
     slot = std::move(formatter);
@@ -157,7 +157,10 @@ std::string formatPostTimeSlowly(std::int64_t secondsSince1970) {
   return formatDate(static_cast<double>(secondsSince1970), kPostTimePattern);
 }
 
-std::string formatPostTime(std::int64_t secondsSince1970) {
+namespace {
+
+// The table for the device's zone and locale, rebuilt when either changes.
+const ZoneOffsets& zoneOffsets() {
   thread_local ZoneOffsets table;
   const char* locale = icu::Locale::getDefault().getName();
   if (table.generation != zoneGeneration() || table.locale != locale) {
@@ -165,10 +168,21 @@ std::string formatPostTime(std::int64_t secondsSince1970) {
     table.locale = locale;
     build(table);
   }
+  return table;
+}
+
+}  // namespace
+
+std::string formatPostTime(std::int64_t secondsSince1970) {
+  const ZoneOffsets& table = zoneOffsets();
   if (!table.usable || secondsSince1970 < kFirst || secondsSince1970 > kLast) {
     return formatPostTimeSlowly(secondsSince1970);
   }
   return fromTable(table, secondsSince1970);
+}
+
+bool postTimesFromZoneOffsets() {
+  return zoneOffsets().usable;
 }
 
 std::optional<double> parseDate(const std::string& text, const std::string& pattern) {

@@ -18,6 +18,10 @@ std::string formatPostTime(std::int64_t secondsSince1970);
 /// The same text, always through the ICU formatter.
 std::string formatPostTimeSlowly(std::int64_t secondsSince1970);
 
+/// Whether formatPostTime() writes post clocks from cached offsets in the device's current
+/// zone and locale (false: through the ICU formatter).
+bool postTimesFromZoneOffsets();
+
 /// Parses text with the same rules; nullopt when it does not parse.
 std::optional<double> parseDate(const std::string& text, const std::string& pattern);
 
