@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "platform/Text.h"
 #include "tools/Utf16.h"
@@ -29,6 +30,9 @@ auto onUnits(const std::string& text, Fn&& fn) {
 
 std::string utf8(std::string_view units) {
   return std::string(units);
+}
+std::string utf8(std::string&& units) {
+  return std::move(units);
 }
 std::string utf8(std::u16string_view units) {
   return detail::toUtf8(units);
@@ -63,17 +67,19 @@ std::int32_t ZDataCoverTool::coverToIntFrome4BytesHexStr(const std::string& hex)
   return onUnits(hex, [](auto units) {
     std::basic_string<typename decltype(units)::value_type> reversed;
     for (int i = 3; i >= 0; --i) reversed += piece(units, static_cast<std::size_t>(i) * 2, 2);
-    return static_cast<std::int32_t>(coverFromHexStrToInt(utf8(reversed)));
+    return static_cast<std::int32_t>(coverFromHexStrToInt(utf8(std::move(reversed))));
   });
 }
 
 std::string ZDataCoverTool::coverToLowFromFrontHightByteStr(const std::string& hex) {
   return onUnits(hex, [](auto units) {
-    std::basic_string<typename decltype(units)::value_type> even(units), reversed;
-    if (even.size() % 2) even.push_back('0');
-    reversed.reserve(even.size());
-    for (std::size_t n = even.size() / 2; n > 0; --n) reversed += even.substr((n - 1) * 2, 2);
-    return utf8(reversed);
+    std::basic_string<typename decltype(units)::value_type> reversed;
+    reversed.reserve(units.size() + 1);
+    for (std::size_t n = (units.size() + 1) / 2; n > 0; --n) {
+      reversed += units.substr((n - 1) * 2, 2);
+      if (reversed.size() % 2) reversed.push_back('0');  // an odd text's last character, padded
+    }
+    return utf8(std::move(reversed));
   });
 }
 
