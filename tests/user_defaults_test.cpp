@@ -231,7 +231,7 @@ TEST_F(DefaultsProcesses, AWriterKilledMidWriteLeavesAGoodFileAndNoTemporaryOne)
   }
   UserDefaults(file_).setObject(std::string(kSize, 'z'), "big");
   int caught = 0;  // kills that left a temporary file behind
-  for (int round = 0; round < 10 && caught < 3; ++round) {
+  for (int round = 0; round < 8 && caught < 2; ++round) {
     const pid_t writer = spawn("writer");
     // Kill the writer as soon as its temporary file shows, before it is renamed.
     for (int i = 0; i < 100'000 && temporaries().empty(); ++i)
