@@ -154,11 +154,22 @@ TEST_F(DefaultsProcesses, ValuesSetWithoutSynchronizeReachTheFileSoonAndAtExit) 
     ZGeneralTool::userDefaultSaveValue(std::string("FFF3"), "lastPost");  // synchronizes
     ZGeneralTool::savePageFlag(role_);
     if (role_ == std::string("stays")) std::this_thread::sleep_for(std::chrono::minutes(1));
+    if (role_ == std::string("forks")) {  // a child forked once the saver runs exits too
+      const pid_t child = ::fork();
+      if (child == 0) {
+        ZGeneralTool::savePageFlag("forked");
+        std::exit(0);
+      }
+      for (int i = 0; i < 500 && ::waitpid(child, nullptr, WNOHANG) == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      if (::kill(child, SIGKILL) == 0 && ::waitpid(child, nullptr, 0) == child) std::exit(3);
+    }
     return;
   }
-  ASSERT_EQ(exitCode(spawn("exits")), 0);
+  for (const char* role : {"exits", "forks"}) ASSERT_EQ(exitCode(spawn(role)), 0) << role;
   EXPECT_EQ(ZGeneralTool::userDefaultObjiectForKey("lastPost"), Value{std::string("FFF3")});
-  EXPECT_FALSE(ZGeneralTool::isFirstWith("exits"));
+  for (const char* flag : {"exits", "forks", "forked"})
+    EXPECT_FALSE(ZGeneralTool::isFirstWith(flag)) << flag;
   // A process that never exits normally still saves within moments.
   const pid_t stays = spawn("stays");
   bool saved = false;

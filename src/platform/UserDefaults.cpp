@@ -2,6 +2,9 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,12 +15,16 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <system_error>
+#include <type_traits>
 
 #include "tqble/ZDataCoverTool.h"
 #include "tqble/platform/Log.h"
 
 namespace tqble {
 namespace {
+
+static_assert(std::is_same_v<pthread_t, unsigned long>,
+              "the saver's handle is kept as a pthread_t");
 
 using nlohmann::json;
 namespace fs = std::filesystem;
@@ -249,10 +256,13 @@ UserDefaults::~UserDefaults() {
     std::lock_guard lock(mutex_);
     stopping_ = true;
   }
-  wake_.notify_all();
-  if (saver_.joinable()) saver_.join();
+  if (saverRunsHere()) {
+    wakeSaver();
+    ::pthread_join(saver_, nullptr);
+  }
   std::lock_guard lock(mutex_);
   if (!changed_.empty()) save();
+  if (wakeFd_ >= 0) ::close(wakeFd_);
 }
 
 std::string UserDefaults::applicationName() {
@@ -344,13 +354,40 @@ bool UserDefaults::save() {
 void UserDefaults::saveWhenDue() {
   std::unique_lock lock(mutex_);
   while (!stopping_) {
-    if (!due_) {
-      wake_.wait(lock);
-    } else if (wake_.wait_until(lock, *due_) == std::cv_status::timeout && due_) {
-      due_.reset();
-      save();
+    int timeout = -1;  // milliseconds; -1 waits for a wake-up
+    if (due_) {
+      const auto left =
+          std::chrono::ceil<std::chrono::milliseconds>(*due_ - std::chrono::steady_clock::now());
+      if (left.count() <= 0) {
+        due_.reset();
+        save();
+        continue;
+      }
+      timeout = static_cast<int>(left.count());
     }
+    pollfd wake = {wakeFd_, POLLIN, 0};
+    lock.unlock();
+    ::poll(&wake, 1, timeout);
+    std::uint64_t count = 0;
+    if (::read(wake.fd, &count, sizeof count) < 0) count = 0;  // nothing to drain
+    lock.lock();
   }
+}
+
+bool UserDefaults::saverRunsHere() {
+  // A child forked while the saver ran has its handle but not the thread, and shares the
+  // parent's eventfd: it forgets both and starts afresh.
+  if (saverProcess_ != 0 && saverProcess_ != ::getpid()) {
+    saverProcess_ = 0;
+    ::close(wakeFd_);
+    wakeFd_ = -1;
+  }
+  return saverProcess_ != 0;
+}
+
+void UserDefaults::wakeSaver() {
+  const std::uint64_t one = 1;
+  if (::write(wakeFd_, &one, sizeof one) < 0) return;  // already due to wake
 }
 
 Value UserDefaults::objectForKey(const std::string& key) const {
@@ -369,8 +406,20 @@ void UserDefaults::setObject(const Value& value, const std::string& key) {
   changed_.insert(key);
   if (due_) return;  // a save is already on its way
   due_ = std::chrono::steady_clock::now() + kSaveDelay;
-  if (!saver_.joinable()) saver_ = std::thread([this] { saveWhenDue(); });
-  wake_.notify_one();
+  if (saverRunsHere()) {
+    wakeSaver();  // it may be waiting with nothing due
+    return;
+  }
+  if (wakeFd_ < 0) wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  const auto run = [](void* self) -> void* {
+    static_cast<UserDefaults*>(self)->saveWhenDue();
+    return nullptr;
+  };
+  if (const int error = wakeFd_ < 0 ? errno : ::pthread_create(&saver_, nullptr, run, this)) {
+    TQLog("user defaults: cannot start saving on a timer: %s", std::strerror(error));
+  } else {
+    saverProcess_ = ::getpid();
+  }
 }
 
 void UserDefaults::removeObjectForKey(const std::string& key) {

@@ -1,14 +1,12 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <set>
 #include <string>
-#include <thread>
 
 #include "tqble/platform/Value.h"
 
@@ -58,15 +56,21 @@ class UserDefaults {
   void load();
   bool save();
   void saveWhenDue();
+  bool saverRunsHere();
+  void wakeSaver();
 
   mutable std::mutex mutex_;
   std::filesystem::path path_;
   std::map<std::string, Value> values_;
   std::set<std::string> changed_;  // keys set or removed here since the last save
-  std::condition_variable wake_;
   std::optional<std::chrono::steady_clock::time_point> due_;
   bool stopping_ = false;
-  std::thread saver_;
+  // The saver thread and what wakes it: a plain thread and an eventfd rather than
+  // std::thread and a condition variable, which a forked child could neither drop nor
+  // destroy.
+  unsigned long saver_ = 0;  // a pthread_t
+  int saverProcess_ = 0;     // the process saver_ runs in; 0: none
+  int wakeFd_ = -1;
 };
 
 }  // namespace tqble
