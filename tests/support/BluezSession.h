@@ -118,6 +118,9 @@ class BluezSession : public ::testing::Test {
     return std::find(fake->calls().begin(), fake->calls().end(), line) != fake->calls().end();
   }
 
+  /// The peripheral heard last.
+  const std::shared_ptr<ble::Peripheral>& peripheral() const { return recorder->last; }
+
   /// Scans until the post is heard, stops, and returns its peripheral.
   std::shared_ptr<ble::Peripheral> find() {
     central->scanForPeripheralsWithServices({}, {});

@@ -134,6 +134,7 @@ class BluezPeripheral final : public ble::Peripheral, public std::enable_shared_
   Bus::ReplyHandler onThisLink(std::function<void(BluezPeripheral&, const BusReply&)> then);
   void reportServices(const std::optional<TQError>& error);
   void buildTable();
+  void fillService(const std::shared_ptr<BluezService>& service);
   std::shared_ptr<BluezCharacteristic> ours(const std::shared_ptr<ble::Characteristic>& c) const;
 
   std::string path_;

@@ -144,22 +144,28 @@ void BluezPeripheral::buildTable() {
   table_.clear();
   if (!central) return;
   const auto& tree = central->tree();
-  auto servicePaths = tree.pathsWith(kServiceInterface);
-  std::erase_if(servicePaths, [&](const std::string& p) { return tree.text(p, kServiceInterface, "Device") != path_; });
-  std::sort(servicePaths.begin(), servicePaths.end(), byHandle);
-  auto characteristicPaths = tree.pathsWith(kCharacteristicInterface);
-  std::sort(characteristicPaths.begin(), characteristicPaths.end(), byHandle);
-  for (const auto& sp : servicePaths) {
-    auto service = std::make_shared<BluezService>(sp, ble::UUID::fromString(tree.text(sp, kServiceInterface, "UUID")));
-    for (const auto& cp : characteristicPaths) {
-      if (tree.text(cp, kCharacteristicInterface, "Service") != sp) continue;
-      auto c = std::make_shared<BluezCharacteristic>(
-          cp, ble::UUID::fromString(tree.text(cp, kCharacteristicInterface, "UUID")),
-          propertiesOf(tree.property(cp, kCharacteristicInterface, "Flags")), service);
-      if (const auto* v = tree.property(cp, kCharacteristicInterface, "Value"); v && v->as<Bytes>()) c->setValue(*v->as<Bytes>());
-      service->table.push_back(c);
-    }
-    table_.push_back(service);
+  auto paths = tree.pathsWith(kServiceInterface);
+  std::erase_if(paths, [&](const std::string& p) { return tree.text(p, kServiceInterface, "Device") != path_; });
+  std::sort(paths.begin(), paths.end(), byHandle);
+  for (const auto& sp : paths) {
+    table_.push_back(std::make_shared<BluezService>(sp, ble::UUID::fromString(tree.text(sp, kServiceInterface, "UUID"))));
+  }
+}
+
+// Read when asked for: a service's characteristics may be exported just after it.
+void BluezPeripheral::fillService(const std::shared_ptr<BluezService>& service) {
+  auto central = liveCentral();
+  if (!central || !service->table.empty()) return;
+  const auto& tree = central->tree();
+  auto paths = tree.pathsWith(kCharacteristicInterface);
+  std::erase_if(paths, [&](const std::string& p) { return tree.text(p, kCharacteristicInterface, "Service") != service->path(); });
+  std::sort(paths.begin(), paths.end(), byHandle);
+  for (const auto& cp : paths) {
+    auto c = std::make_shared<BluezCharacteristic>(
+        cp, ble::UUID::fromString(tree.text(cp, kCharacteristicInterface, "UUID")),
+        propertiesOf(tree.property(cp, kCharacteristicInterface, "Flags")), service);
+    if (const auto* v = tree.property(cp, kCharacteristicInterface, "Value"); v && v->as<Bytes>()) c->setValue(*v->as<Bytes>());
+    service->table.push_back(c);
   }
 }
 
@@ -174,6 +180,7 @@ void BluezPeripheral::discoverCharacteristics(const std::vector<ble::UUID>& /*ch
   if (link_ != Link::Connected || !mine || std::find(table_.begin(), table_.end(), mine) == table_.end()) return;
   // bluetoothd resolved them with the services.
   later(0ns, [mine](BluezPeripheral& self) {
+    self.fillService(mine);
     mine->discovered = true;
     if (auto d = self.liveDelegate()) d->didDiscoverCharacteristicsForService(self.shared_from_this(), mine, std::nullopt);
   });
