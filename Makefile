@@ -3,7 +3,7 @@ BUILD ?= build
 SANITIZE ?= OFF
 JOBS ?= $(shell nproc)
 
-.PHONY: all setup configure build test demo bench clean format
+.PHONY: all setup configure build test test-tsan demo bench clean format
 
 all: build
 
@@ -19,6 +19,12 @@ build: configure
 test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
+# The BlueZ suites, whose bus thread hands over to the main queue, under ThreadSanitizer.
+test-tsan: setup
+	@cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTQBLE_TSAN=ON -DTQBLE_BUILD_BENCH=OFF >/dev/null
+	@cmake --build build-tsan -j $(JOBS) --target tqble_tests
+	@cd build-tsan && ctest --output-on-failure -j $(JOBS) -R '^(Bus|Bluez)'
+
 demo: configure
 	@cmake --build $(BUILD) -j $(JOBS) --target tqble_cli
 	@$(BUILD)/cli/tqble demo
@@ -32,4 +38,4 @@ format:
 	@clang-format -i $$(git ls-files '*.h' '*.cpp')
 
 clean:
-	@rm -rf $(BUILD) build-release
+	@rm -rf $(BUILD) build-release build-tsan

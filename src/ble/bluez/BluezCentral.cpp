@@ -35,6 +35,23 @@ std::vector<std::string> texts(const BusValue* v) {
   return {};
 }
 
+// bluetoothd forgets devices heard in a scan 30 s after it, and at power-off.
+TQError forgotten() {
+  return busError({kUnknownObject, "the post is no longer known: scan for it again"}, kConnectionFailed,
+                  kConnectionFailedCode);
+}
+
+// An a{sa{sv}} as interface → properties.
+BusInterfaces interfacesOf(const BusValue& v) {
+  BusInterfaces out;
+  if (const auto* interfaces = v.as<BusDict>()) {
+    for (const auto& [name, props] : *interfaces) {
+      if (const auto* p = props.as<BusDict>()) out[name] = *p;
+    }
+  }
+  return out;
+}
+
 // The full lower-case form bluetoothd's filter expects.
 std::string fullUuid(const ble::UUID& uuid) {
   std::string text = uuid.UUIDString();
@@ -141,12 +158,7 @@ void BluezCentral::start() {
     subscriptions_.push_back(bus_->subscribe(
         fromBlueZ + "interface='org.freedesktop.DBus.ObjectManager',member='InterfacesAdded'", "oa{sa{sv}}",
         on([](BluezCentral& self, const BusSignal& s) {
-          const auto* interfaces = s.args[1].as<BusDict>();
-          BusInterfaces added;
-          for (const auto& [name, props] : *interfaces) {
-            if (const auto* p = props.as<BusDict>()) added[name] = *p;
-          }
-          self.interfacesAdded(*s.args[0].as<std::string>(), added);
+          self.interfacesAdded(*s.args[0].as<std::string>(), interfacesOf(s.args[1]));
         })));
     subscriptions_.push_back(bus_->subscribe(
         fromBlueZ + "interface='org.freedesktop.DBus.ObjectManager',member='InterfacesRemoved'", "oas",
@@ -199,13 +211,7 @@ void BluezCentral::synced(const BusReply& reply, std::uint64_t generation) {
     return;
   }
   tree_.clear();
-  for (const auto& [path, interfaces] : *reply.values.at(0).as<BusDict>()) {
-    BusInterfaces plain;
-    for (const auto& [name, props] : *interfaces.as<BusDict>()) {
-      if (const auto* p = props.as<BusDict>()) plain[name] = *p;
-    }
-    tree_.add(path, plain);
-  }
+  for (const auto& [path, interfaces] : *reply.values.at(0).as<BusDict>()) tree_.add(path, interfacesOf(interfaces));
   chooseAdapter();
 }
 
@@ -270,8 +276,11 @@ void BluezCentral::interfacesRemoved(const std::string& path, const std::vector<
   tree_.remove(path, interfaces);
   const auto has = [&](const char* name) { return std::find(interfaces.begin(), interfaces.end(), name) != interfaces.end(); };
   if (has(kDeviceInterface)) {
-    if (auto p = knownPeripheral(path); p && p->link() != BluezPeripheral::Link::Disconnected) {
-      loseLink(*p, TQError{kLinkLost, kConnectionTimeoutCode, {}});
+    auto p = knownPeripheral(path);
+    if (p && p->link() == BluezPeripheral::Link::Connected) loseLink(*p, TQError{kLinkLost, kConnectionTimeoutCode, {}});
+    if (p && p->link() == BluezPeripheral::Link::Connecting) {
+      p->linkDown();
+      if (auto d = liveDelegate()) d->didFailToConnectPeripheral(*this, p, forgotten());
     }
   }
   if (has(kAdapterInterface) && path == adapter_) adapterGone();
@@ -412,12 +421,10 @@ void BluezCentral::connectPeripheral(const std::shared_ptr<ble::Peripheral>& per
          // A link left by an earlier process is ours now.
          if (reply.error && reply.error->name != "org.bluez.Error.AlreadyConnected") {
            p->linkDown();
-           auto error = *reply.error;
-           // bluetoothd forgets devices heard in a scan 30 s after it, and at power-off.
-           if (error.name == kUnknownObject) error.message = "the post is no longer known: scan for it again";
-           if (auto d = self->liveDelegate()) {
-             d->didFailToConnectPeripheral(*self, p, busError(error, kConnectionFailed, kConnectionFailedCode));
-           }
+           const auto error = reply.error->name == kUnknownObject
+                                  ? forgotten()
+                                  : busError(*reply.error, kConnectionFailed, kConnectionFailedCode);
+           if (auto d = self->liveDelegate()) d->didFailToConnectPeripheral(*self, p, error);
            return;
          }
          // The reply comes when the link is up, often without a Connected signal.

@@ -144,6 +144,7 @@ class BluezPeripheral final : public ble::Peripheral, public std::enable_shared_
   Link link_ = Link::Disconnected;
   std::uint64_t linkNumber_ = 0;
   enum class Discovery { Idle, Waiting, WaitingForCharger, Done } discovery_ = Discovery::Idle;
+  std::uint64_t attributeBurst_ = 0;  // counts late attribute signals while waiting for FFF0
   std::vector<std::shared_ptr<BluezService>> table_;
   std::set<std::string> notifying_;
 };

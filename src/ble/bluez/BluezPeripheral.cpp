@@ -19,6 +19,7 @@ constexpr auto kResolveTimeout = 30s;
 // How long a resolved tree may lack the charger's service before it counts as absent
 // (bluetoothd can signal ServicesResolved before exporting every object).
 constexpr auto kLateServiceWait = 500ms;
+constexpr auto kBurstQuiet = 20ms;
 constexpr char kChargerService[] = "FFF0";
 constexpr char kDiscoveryFailed[] = "The services of the charging post could not be discovered.";
 constexpr char kReadFailed[] = "Reading the characteristic failed.";
@@ -128,9 +129,13 @@ void BluezPeripheral::servicesResolved() {
 
 void BluezPeripheral::attributeAdded() {
   if (link_ != Link::Connected || discovery_ != Discovery::WaitingForCharger) return;
-  discovery_ = Discovery::Waiting;
-  // Its characteristics follow in the same burst of signals.
-  later(0ns, [](BluezPeripheral& self) { self.servicesResolved(); });
+  // A service's characteristics follow it in one burst of signals: look once it is over.
+  const auto burst = ++attributeBurst_;
+  later(kBurstQuiet, [burst](BluezPeripheral& self) {
+    if (self.attributeBurst_ != burst || self.discovery_ != Discovery::WaitingForCharger) return;
+    self.discovery_ = Discovery::Waiting;
+    self.servicesResolved();
+  });
 }
 
 void BluezPeripheral::reportServices(const std::optional<TQError>& error) {
