@@ -14,7 +14,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kConnectTimeout = 35s;
-constexpr auto kCallTimeout = 10s;
 // How long bluetoothd may stay away before its absence counts as no Bluetooth at all.
 constexpr auto kResettingLimit = 5s;
 // How long a vanished adapter counts as resetting before the next one is chosen.
@@ -430,8 +429,7 @@ void BluezCentral::connectPeripheral(const std::shared_ptr<ble::Peripheral>& per
          // The reply comes when the link is up, often without a Connected signal.
          self->tree_.setQuietly(p->path(), kDeviceInterface, "Connected", BusValue(true));
          p->linkUp();
-         // bluetoothd keeps a link after its client exits: ours end with this process.
-         if (self->bus_) self->bus_->callOnClose(p->path(), kBlueZ, p->path(), kDeviceInterface, "Disconnect");
+         self->closeAtExit(p->path(), true);
          if (auto d = self->liveDelegate()) d->didConnectPeripheral(*self, p);
        });
 }
@@ -446,6 +444,13 @@ void BluezCentral::cancelPeripheralConnection(const std::shared_ptr<ble::Periphe
     if (!self) return;
     if (auto d = self->liveDelegate()) d->didDisconnectPeripheral(*self, p, std::nullopt);
   });
+}
+
+void BluezCentral::closeAtExit(const std::string& devicePath, bool close) {
+  if (!bus_) return;
+  // bluetoothd keeps a link after its client exits: ours end with this process.
+  if (close) bus_->callOnClose(devicePath, kBlueZ, devicePath, kDeviceInterface, "Disconnect");
+  else bus_->cancelOnClose(devicePath);
 }
 
 void BluezCentral::loseLinks() {

@@ -14,7 +14,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kCallTimeout = 10s;
 constexpr auto kResolveTimeout = 30s;
 // How long a resolved tree may lack the charger's service before it counts as absent
 // (bluetoothd can signal ServicesResolved before exporting every object).
@@ -90,6 +89,7 @@ void BluezPeripheral::linkDown() {
   table_.clear();
   auto central = liveCentral();
   if (!central) return;
+  central->closeAtExit(path_, false);
   // Notify sessions would resume by themselves on the next link.
   for (const auto& path : notifying_) central->call(path, kCharacteristicInterface, "StopNotify", {}, kCallTimeout);
   notifying_.clear();
