@@ -1,6 +1,7 @@
 // `tqble demo`: a scripted session against the virtual charging post, on real time with
-// short radio latencies; with `--backend bluez`, against the first post the radio hears. Each step shows the request frame, the post's answer and what
-// the SDK made of it; the SDK's own log lines are indented (or hidden with --quiet).
+// short radio latencies; with `--backend bluez`, against the first post the radio hears.
+// Each step shows the request frame, the post's answer and what the SDK made of it; the
+// SDK's own log lines are indented (or hidden with --quiet).
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -84,7 +85,6 @@ class Demo {
     model.addHistory({998, 12'400, 1'699'900'000, 1'699'907'200, 7200});
     model.addError({1'699'800'000, 8});
     model.addError({1'699'850'000, 1});
-
   }
 
   void run() {
@@ -132,8 +132,8 @@ class Demo {
     showResult();
 
     section("Start charging");
-    if (post_) std::printf("  (a car is plugged in; the post's time runs 60 times faster from here)\n");
     if (post_) {
+      std::printf("  (a car is plugged in; the post's time runs 60 times faster from here)\n");
       post_->model().setTimeScale(60);
       post_->model().plugIn();
     }
@@ -252,7 +252,6 @@ int runDemo(const std::vector<std::string>& args) {
     }
   }
   if (!TQBleManager::useBackend(backend)) throw std::runtime_error("the manager already exists");
-  // A real radio: the scripted session runs against the first post heard.
   Demo demo(quiet, backend == "sim");
   demo.run();
   std::printf("\ndone.\n");

@@ -61,6 +61,15 @@ TEST_F(BluezSession, AdaptersAreChosenByNameAndFollowedInAndOut) {
                                       CentralManagerStateResetting, CentralManagerStateUnsupported}));
 }
 
+TEST(BluezState, APolicyThatKeepsUsFromBluetoothdIsUnauthorized) {
+  usePrivateSystemBus("<deny send_destination=\"org.bluez\"/>");
+  FakeBluez fake;
+  auto recorder = std::make_shared<Recorder>();
+  auto central = ble::backendNamed("bluez")(recorder);
+  ASSERT_TRUE(MainQueue::main().runUntil([&] { return !recorder->states.empty(); }, 2s));
+  EXPECT_EQ(recorder->states, States{ble::CentralManagerStateUnauthorized});
+}
+
 // ---- Scanning --------------------------------------------------------------------------
 
 TEST_F(BluezSession, EveryAdvertisementHeardIsOneReportWithItsRssiAndTheAdvertisedName) {
