@@ -18,6 +18,7 @@ constexpr auto kResolveTimeout = 30s;
 // How long a resolved tree may lack the charger's service before it counts as absent
 // (bluetoothd can signal ServicesResolved before exporting every object).
 constexpr auto kLateServiceWait = 500ms;
+// Quiet after the last late attribute signal before the tree is read again.
 constexpr auto kBurstQuiet = 20ms;
 constexpr char kChargerService[] = "FFF0";
 constexpr char kDiscoveryFailed[] = "The services of the charging post could not be discovered.";
