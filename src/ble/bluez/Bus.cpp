@@ -295,6 +295,7 @@ struct Bus::Impl {
     std::string service, path, interface, method;
   };
   std::map<std::string, Farewell> farewells;
+  std::vector<sdbus::PendingAsyncCall> inFlight;
   std::string uniqueName;
 
   // Proxies outlive their pending calls: they stay until the bus goes.
@@ -355,6 +356,7 @@ void Bus::close() {
     }
   }
   impl_->farewells.clear();
+  impl_->inFlight.clear();
   impl_->proxies.clear();
   impl_->connection.reset();  // flushes and disconnects, once no object or subscription holds it
 }
@@ -385,7 +387,11 @@ void Bus::call(const std::string& service, const std::string& path, const std::s
     post([onReply, out = std::move(out)] { onReply(out); });
   };
   try {
-    proxy.callMethod(message, std::move(handler), std::chrono::duration_cast<std::chrono::microseconds>(timeout));
+    // The handles are dropped once answered, on a later call: dropping one while the bus
+    // thread still finishes the call races inside the library.
+    std::erase_if(impl_->inFlight, [](const sdbus::PendingAsyncCall& c) { return !c.isPending(); });
+    impl_->inFlight.push_back(
+        proxy.callMethod(message, std::move(handler), std::chrono::duration_cast<std::chrono::microseconds>(timeout)));
   } catch (const sdbus::Error& e) {
     if (onReply) post([onReply, err = BusError{e.getName(), e.getMessage()}] { onReply(BusReply{err, {}}); });
   }
