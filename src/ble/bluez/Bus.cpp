@@ -489,8 +489,8 @@ struct BusObject::Impl {
     PropertyWritten written;
   };
   std::shared_ptr<sdbus::IConnection> connection;  // outlives `object`
+  std::shared_ptr<Shared> shared = std::make_shared<Shared>();  // outlives `object` too
   std::unique_ptr<sdbus::IObject> object;
-  std::shared_ptr<Shared> shared = std::make_shared<Shared>();
   std::vector<std::string> interfaces;
   std::string path;
 
@@ -543,13 +543,20 @@ void BusObject::addProperty(const std::string& interface, const std::string& nam
     impl_->shared->properties[{interface, name}] = std::move(initial);
   }
   std::weak_ptr<Impl::Shared> weak = impl_->shared;
+  // Runs on whichever thread asks; only sdbus::Error may leave it (as an error reply).
   auto getter = [weak, interface, name, signature](sdbus::PropertyGetReply& reply) {
+    auto shared = weak.lock();
+    if (!shared) throw sdbus::Error("org.freedesktop.DBus.Error.UnknownObject", "the object is gone");
     BusValue value;
-    if (auto shared = weak.lock()) {
+    {
       std::lock_guard lock(shared->mutex);
       value = shared->properties[{interface, name}];
     }
-    write(reply, value, signature);
+    try {
+      write(reply, value, signature);
+    } catch (const BusFailure& e) {
+      throw sdbus::Error(e.errorName(), e.what());
+    }
   };
   if (!writable) {
     impl_->object->registerProperty(interface, name, signature, std::move(getter));
@@ -558,7 +565,12 @@ void BusObject::addProperty(const std::string& interface, const std::string& nam
   impl_->object->registerProperty(
       interface, name, signature, std::move(getter),
       [weak, object = impl_->object.get(), interface, name, signature](sdbus::PropertySetCall& call) {
-        auto value = read(call, signature);
+        std::optional<BusValue> value;
+        try {
+          value = read(call, signature);
+        } catch (const BusFailure& e) {
+          throw sdbus::Error(e.errorName(), e.what());
+        }
         auto shared = weak.lock();
         if (!value || !shared) return;
         {
