@@ -19,11 +19,11 @@ build: configure
 test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
-# The BlueZ suites, whose bus thread hands over to the main queue, under ThreadSanitizer.
+# The suites whose threads hand over to the main queue (BlueZ, the queue itself), under ThreadSanitizer.
 test-tsan: setup
 	@cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTQBLE_TSAN=ON -DTQBLE_BUILD_BENCH=OFF >/dev/null
 	@cmake --build build-tsan -j $(JOBS) --target tqble_tests
-	@cd build-tsan && ctest --output-on-failure -j $(JOBS) -R '^(Bus|Bluez)'
+	@cd build-tsan && ctest --output-on-failure -j $(JOBS) -R '^(Bus|Bluez|MainQueue)'
 
 demo: configure
 	@cmake --build $(BUILD) -j $(JOBS) --target tqble_cli
