@@ -14,7 +14,7 @@ endif
 JOBS ?= $(shell nproc)
 RELEASE = cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DTQBLE_BUILD_TESTS=OFF >/dev/null
 
-.PHONY: all setup configure build test demo bench package check-fresh clean format
+.PHONY: all setup configure build test demo bench package check-fresh test-tsan clean format
 
 all: build
 
@@ -30,6 +30,12 @@ build: configure
 
 test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# The suites whose threads hand over to the main queue (BlueZ, the queue itself), under ThreadSanitizer.
+test-tsan: setup
+	@cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTQBLE_TSAN=ON -DTQBLE_BUILD_BENCH=OFF >/dev/null
+	@cmake --build build-tsan -j $(JOBS) --target tqble_tests
+	@cd build-tsan && ctest --output-on-failure -j $(JOBS) -R '^(Bus|Bluez|MainQueue)'
 
 demo: configure
 	@cmake --build $(BUILD) -j $(JOBS) --target tqble_cli
@@ -54,4 +60,4 @@ format:
 	@clang-format -i $$(git ls-files '*.h' '*.cpp')
 
 clean:
-	@rm -rf build build-asan build-coverage build-release
+	@rm -rf build build-asan build-coverage build-release build-tsan

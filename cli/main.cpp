@@ -17,7 +17,7 @@ constexpr char kUsage[] =
     "       tqble history POST [--csv]                    the charging sessions\n"
     "       tqble frame COMMAND [ARGUMENTS] [--status N] [--rand N] [--time SECONDS]\n"
     "       tqble decode COMMAND HEX... | - [--log]\n"
-    "       tqble demo\n"
+    "       tqble demo [--quiet] [--backend NAME]\n"
     "       tqble help [SUBCOMMAND] | --help | --version\n"
     "Commands that ask a post take --backend sim|bluez (sim: a simulated post, the default).\n"
     "Frames print as upper-case hex bytes separated by single spaces; 'tqble help SUBCOMMAND'\n"

@@ -10,6 +10,7 @@ packages=(
   make build-essential cmake pkg-config file
   libicu-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  libsdbus-c++-dev libsystemd-dev dbus
 )
 
 missing=()

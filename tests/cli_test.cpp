@@ -93,7 +93,7 @@ TEST(CommandLineTool, PrintsTheExactFrameOrJsonWithHeaderWarningsLogsWhereAskedA
       {"$TQBLE history --help", 0, "~start, end, duration_s", ""},
       {"$TQBLE run - launch", 2, "", "tqble run: unknown command 'launch' (see 'tqble help run')\n"},
       {"$TQBLE run - volume", 2, "", "tqble run: volume: missing <volume> (see 'tqble help run')\n"},
-      {"$TQBLE run - state --backend nope", 2, "", "tqble run: unknown backend 'nope' (built in: sim) (see 'tqble help run')\n"},
+      {"$TQBLE run - state --backend nope 2>&1", 2, "~tqble run: unknown backend 'nope' (built in: sim", ""},
       {"$TQBLE watch", 2, "", "tqble watch: missing POST (see 'tqble help watch')\n"},
   });
   // clang-format on

@@ -1,0 +1,663 @@
+// The only file that speaks sdbus-c++. Its loop thread reads messages into BusValues by
+// their signatures and posts them to the main queue; everything else happens there.
+#include "Bus.h"
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+#include <string_view>
+
+#include "tqble/platform/MainQueue.h"
+
+namespace tqble::bluez {
+namespace {
+
+[[noreturn]] void misfit(std::string_view signature) {
+  throw BusFailure("value does not fit the D-Bus signature '" + std::string(signature) + "'",
+                   "org.freedesktop.DBus.Error.InvalidArgs");
+}
+
+// End of the complete type starting at `at`.
+std::size_t typeEnd(std::string_view sig, std::size_t at) {
+  if (at >= sig.size()) misfit(sig);
+  const char c = sig[at];
+  if (c == 'a') return typeEnd(sig, at + 1);
+  if (c == '(' || c == '{') {
+    const char close = c == '(' ? ')' : '}';
+    std::size_t i = at + 1;
+    while (i < sig.size() && sig[i] != close) i = typeEnd(sig, i);
+    if (i >= sig.size()) misfit(sig);
+    return i + 1;
+  }
+  return at + 1;
+}
+
+std::vector<std::string> splitTypes(std::string_view sig) {
+  std::vector<std::string> out;
+  for (std::size_t at = 0; at < sig.size();) {
+    const auto end = typeEnd(sig, at);
+    out.emplace_back(sig.substr(at, end - at));
+    at = end;
+  }
+  return out;
+}
+
+template <typename T>
+const T& need(const BusValue& v, std::string_view sig) {
+  if (const T* p = v.as<T>()) return *p;
+  misfit(sig);
+}
+
+std::int64_t needInt(const BusValue& v, std::string_view sig) {
+  if (const auto* b = v.as<bool>()) return *b;
+  return need<std::int64_t>(v, sig);
+}
+
+// ---- Writing ---------------------------------------------------------------------------
+
+void write(sdbus::Message& m, const BusValue& v, std::string_view sig);
+
+void writeKey(sdbus::Message& m, const std::string& key, std::string_view sig) {
+  if (sig == "o") m << sdbus::ObjectPath(key);
+  else if (sig == "s") m << key;
+  else misfit(sig);
+}
+
+void write(sdbus::Message& m, const BusValue& v, std::string_view sig) {
+  if (sig.empty()) misfit(sig);
+  switch (sig[0]) {
+    case 'v': {
+      const auto* wrapped = v.signature() == "v" ? v.as<BusList>() : nullptr;
+      const BusValue& inner = wrapped && wrapped->size() == 1 ? wrapped->front() : v;
+      if (inner.signature().empty() || inner.signature() == "v") misfit(sig);
+      m.openVariant(inner.signature());
+      write(m, inner, inner.signature());
+      m.closeVariant();
+      return;
+    }
+    case 'b': m << static_cast<bool>(needInt(v, sig)); return;
+    case 'y': m << static_cast<std::uint8_t>(needInt(v, sig)); return;
+    case 'n': m << static_cast<std::int16_t>(needInt(v, sig)); return;
+    case 'q': m << static_cast<std::uint16_t>(needInt(v, sig)); return;
+    case 'i': m << static_cast<std::int32_t>(needInt(v, sig)); return;
+    case 'u': m << static_cast<std::uint32_t>(needInt(v, sig)); return;
+    case 'x': m << needInt(v, sig); return;
+    case 't': m << static_cast<std::uint64_t>(needInt(v, sig)); return;
+    case 'd': {
+      if (const auto* d = v.as<double>()) m << *d;
+      else m << static_cast<double>(needInt(v, sig));
+      return;
+    }
+    case 's': m << need<std::string>(v, sig); return;
+    case 'o': m << sdbus::ObjectPath(need<std::string>(v, sig)); return;
+    case 'g': m << sdbus::Signature(need<std::string>(v, sig)); return;
+    case 'a': {
+      const std::string element(sig.substr(1));
+      if (element == "y") {
+        m << need<Bytes>(v, sig);
+        return;
+      }
+      m.openContainer(element);
+      if (element[0] == '{') {
+        const std::string entry = element.substr(1, element.size() - 2);
+        const auto parts = splitTypes(entry);
+        if (parts.size() != 2) misfit(sig);
+        if (const auto* dict = v.as<BusDict>()) {
+          for (const auto& [key, value] : *dict) {
+            m.openDictEntry(entry);
+            writeKey(m, key, parts[0]);
+            write(m, value, parts[1]);
+            m.closeDictEntry();
+          }
+        } else {
+          for (const auto& [key, value] : need<BusIntDict>(v, sig)) {
+            m.openDictEntry(entry);
+            write(m, BusValue(parts[0], key), parts[0]);
+            write(m, value, parts[1]);
+            m.closeDictEntry();
+          }
+        }
+      } else if (const auto* texts = v.as<std::vector<std::string>>()) {
+        for (const auto& text : *texts) write(m, BusValue(element, text), element);
+      } else if (!v.as<std::monostate>()) {
+        for (const auto& item : need<BusList>(v, sig)) write(m, item, element);
+      }
+      m.closeContainer();
+      return;
+    }
+    case '(': {
+      const std::string members(sig.substr(1, sig.size() - 2));
+      const auto types = splitTypes(members);
+      const auto& items = need<BusList>(v, sig);
+      if (items.size() != types.size()) misfit(sig);
+      m.openStruct(members);
+      for (std::size_t i = 0; i < types.size(); ++i) write(m, items[i], types[i]);
+      m.closeStruct();
+      return;
+    }
+    default: misfit(sig);
+  }
+}
+
+void writeAll(sdbus::Message& m, const BusList& values, std::string_view sig) {
+  const auto types = splitTypes(sig);
+  if (types.size() != values.size()) misfit(sig);
+  for (std::size_t i = 0; i < types.size(); ++i) write(m, values[i], types[i]);
+}
+
+// ---- Reading ---------------------------------------------------------------------------
+// Each reader returns nothing at the end of the enclosing container.
+
+std::optional<BusValue> read(sdbus::Message& m, const std::string& sig);
+
+template <typename T>
+std::optional<BusValue> readInt(sdbus::Message& m, const std::string& sig) {
+  T v{};
+  m >> v;
+  if (!m) return std::nullopt;
+  return BusValue(sig, static_cast<std::int64_t>(v));
+}
+
+std::optional<BusValue> read(sdbus::Message& m, const std::string& sig) {
+  switch (sig[0]) {
+    case 'b': {
+      bool v = false;
+      m >> v;
+      if (!m) return std::nullopt;
+      return BusValue(v);
+    }
+    case 'y': return readInt<std::uint8_t>(m, sig);
+    case 'n': return readInt<std::int16_t>(m, sig);
+    case 'q': return readInt<std::uint16_t>(m, sig);
+    case 'i': return readInt<std::int32_t>(m, sig);
+    case 'u': return readInt<std::uint32_t>(m, sig);
+    case 'x': return readInt<std::int64_t>(m, sig);
+    case 't': return readInt<std::uint64_t>(m, sig);
+    case 'd': {
+      double v = 0;
+      m >> v;
+      if (!m) return std::nullopt;
+      return BusValue(v);
+    }
+    case 's': case 'o': case 'g': {
+      std::string v;
+      if (sig[0] == 's') m >> v;
+      else if (sig[0] == 'o') { sdbus::ObjectPath p; m >> p; v = p; }
+      else { sdbus::Signature p; m >> p; v = p; }
+      if (!m) return std::nullopt;
+      return BusValue(sig, std::move(v));
+    }
+    case 'h': {
+      sdbus::UnixFd fd;
+      m >> fd;
+      if (!m) return std::nullopt;
+      return BusValue(sig, std::monostate{});
+    }
+    case 'v': {
+      std::string type, contents;
+      m.peekType(type, contents);
+      if (!m.enterVariant(contents)) return std::nullopt;
+      auto inner = read(m, contents);
+      m.exitVariant();
+      if (!inner) misfit(contents);
+      return inner;
+    }
+    case 'a': {
+      const std::string element = sig.substr(1);
+      if (element == "y") {
+        Bytes bytes;
+        m >> bytes;
+        if (!m) return std::nullopt;
+        return BusValue(std::move(bytes));
+      }
+      if (!m.enterContainer(element)) return std::nullopt;
+      BusValue::Data data;
+      if (element[0] == '{') {
+        const std::string entry = element.substr(1, element.size() - 2);
+        const auto parts = splitTypes(entry);
+        const bool textKeys = parts[0] == "s" || parts[0] == "o" || parts[0] == "g";
+        BusDict texts;
+        BusIntDict numbers;
+        while (m.enterDictEntry(entry)) {
+          auto key = read(m, parts[0]);
+          auto value = read(m, parts[1]);
+          m.exitDictEntry();
+          if (!key || !value) misfit(sig);
+          if (textKeys) texts.emplace(*key->as<std::string>(), std::move(*value));
+          else numbers.emplace(needInt(*key, sig), std::move(*value));
+        }
+        if (textKeys) data = std::move(texts);
+        else data = std::move(numbers);
+      } else if (element == "s" || element == "o" || element == "g") {
+        std::vector<std::string> texts;
+        while (auto item = read(m, element)) texts.push_back(*item->as<std::string>());
+        data = std::move(texts);
+      } else {
+        if (element == "v") misfit(sig);  // an end could not be told from an item
+        BusList items;
+        while (auto item = read(m, element)) items.push_back(std::move(*item));
+        data = std::move(items);
+      }
+      m.clearFlags();
+      m.exitContainer();
+      return BusValue(sig, std::move(data));
+    }
+    case '(': {
+      const std::string members = sig.substr(1, sig.size() - 2);
+      if (!m.enterStruct(members)) return std::nullopt;
+      BusList items;
+      for (const auto& type : splitTypes(members)) {
+        auto item = read(m, type);
+        if (!item) misfit(sig);
+        items.push_back(std::move(*item));
+      }
+      m.exitStruct();
+      return BusValue(sig, std::move(items));
+    }
+    default: misfit(sig);
+  }
+}
+
+BusList readAll(sdbus::Message& m, std::string_view sig) {
+  BusList out;
+  for (const auto& type : splitTypes(sig)) {
+    auto value = read(m, type);
+    if (!value) misfit(sig);
+    out.push_back(std::move(*value));
+  }
+  return out;
+}
+
+void post(MainQueue::Task task) { MainQueue::main().async(std::move(task)); }
+
+constexpr char kUnknownMethod[] = "org.freedesktop.DBus.Error.UnknownMethod";
+
+}  // namespace
+
+const BusValue* BusValue::at(const std::string& key) const {
+  const auto* dict = as<BusDict>();
+  if (!dict) return nullptr;
+  auto it = dict->find(key);
+  return it == dict->end() ? nullptr : &it->second;
+}
+
+// ---- Bus --------------------------------------------------------------------------------
+
+struct Bus::Impl {
+  // Shared with the exported objects, which may outlive the bus's own use of it.
+  std::shared_ptr<sdbus::IConnection> connection;
+  std::atomic<bool> closed{false};
+  std::mutex mutex;  // proxies and calls left for closing, used from any thread
+  std::map<std::pair<std::string, std::string>, std::unique_ptr<sdbus::IProxy>> proxies;
+  struct Farewell {
+    std::string service, path, interface, method;
+  };
+  std::map<std::string, Farewell> farewells;
+  std::vector<sdbus::PendingAsyncCall> inFlight;
+  std::string uniqueName;
+
+  // Proxies outlive their pending calls: they stay until the bus goes.
+  sdbus::IProxy& proxy(const std::string& service, const std::string& path) {
+    auto& slot = proxies[{service, path}];
+    if (!slot) slot = sdbus::createProxy(*connection, service, path);
+    return *slot;
+  }
+};
+
+Bus::Bus(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+Bus::~Bus() { close(); }
+
+std::shared_ptr<Bus> Bus::openSystem() {
+  MainQueue::main();  // made first, so that it outlives every bus
+  auto impl = std::make_unique<Impl>();
+  try {
+    impl->connection = sdbus::createSystemBusConnection();
+    impl->uniqueName = impl->connection->getUniqueName();
+    impl->connection->enterEventLoopAsync();
+  } catch (const sdbus::Error& e) {
+    throw BusFailure("cannot reach the system bus: " + e.getMessage(), e.getName());
+  }
+  return std::make_shared<Bus>(std::move(impl));
+}
+
+std::shared_ptr<Bus> Bus::system() {
+  MainQueue::main();
+  struct Shared {
+    std::mutex mutex;
+    std::shared_ptr<Bus> bus;
+    ~Shared() {
+      if (bus) bus->close();
+    }
+  };
+  static Shared shared;
+  std::lock_guard lock(shared.mutex);
+  if (!shared.bus || shared.bus->closed()) shared.bus = openSystem();
+  return shared.bus;
+}
+
+std::string Bus::uniqueName() const { return impl_->uniqueName; }
+
+bool Bus::closed() const { return impl_->closed.load(); }
+
+void Bus::close() {
+  if (impl_->closed.exchange(true)) return;
+  impl_->connection->leaveEventLoop();
+  std::lock_guard lock(impl_->mutex);
+  for (const auto& [key, f] : impl_->farewells) {
+    try {
+      auto message = impl_->proxy(f.service, f.path).createMethodCall(f.interface, f.method);
+      message.dontExpectReply();
+      impl_->proxy(f.service, f.path).callMethod(message);
+    } catch (const sdbus::Error&) {
+      // the peer may be gone already; nothing is owed to it
+    }
+  }
+  impl_->farewells.clear();
+  impl_->inFlight.clear();
+  impl_->proxies.clear();
+  impl_->connection.reset();  // flushes and disconnects, once no object or subscription holds it
+}
+
+void Bus::call(const std::string& service, const std::string& path, const std::string& interface,
+               const std::string& method, const BusList& args, std::chrono::milliseconds timeout,
+               const std::string& replySignature, ReplyHandler onReply) {
+  std::lock_guard lock(impl_->mutex);
+  if (closed()) return;
+  auto& proxy = impl_->proxy(service, path);
+  auto message = proxy.createMethodCall(interface, method);
+  std::string signature;
+  for (const auto& arg : args) signature += arg.signature();
+  writeAll(message, args, signature);
+  auto handler = [onReply = std::move(onReply), replySignature](sdbus::MethodReply& reply,
+                                                                 const sdbus::Error* error) {
+    if (!onReply) return;
+    BusReply out;
+    if (error) {
+      out.error = BusError{error->getName(), error->getMessage()};
+    } else {
+      try {
+        out.values = readAll(reply, replySignature);
+      } catch (const std::exception& e) {
+        out.error = BusError{"org.freedesktop.DBus.Error.InvalidSignature", e.what()};
+      }
+    }
+    post([onReply, out = std::move(out)] { onReply(out); });
+  };
+  try {
+    // The handles are dropped once answered, on a later call: dropping one while the bus
+    // thread still finishes the call races inside the library.
+    std::erase_if(impl_->inFlight, [](const sdbus::PendingAsyncCall& c) { return !c.isPending(); });
+    impl_->inFlight.push_back(
+        proxy.callMethod(message, std::move(handler), std::chrono::duration_cast<std::chrono::microseconds>(timeout)));
+  } catch (const sdbus::Error& e) {
+    if (onReply) post([onReply, err = BusError{e.getName(), e.getMessage()}] { onReply(BusReply{err, {}}); });
+  }
+}
+
+void Bus::callOnClose(const std::string& key, const std::string& service, const std::string& path,
+                      const std::string& interface, const std::string& method) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->farewells[key] = {service, path, interface, method};
+}
+
+void Bus::cancelOnClose(const std::string& key) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->farewells.erase(key);
+}
+
+BusSubscription Bus::subscribe(const std::string& rule, const std::string& signature, SignalHandler handler) {
+  if (closed() || !impl_->connection) return {};
+  struct State {
+    std::shared_ptr<sdbus::IConnection> connection;  // outlives `slot`
+    SignalHandler handler;
+    sdbus::Slot slot;
+  };
+  auto state = std::make_shared<State>();
+  state->connection = impl_->connection;
+  state->handler = std::move(handler);
+  std::weak_ptr<State> weak = state;
+  try {
+    state->slot = impl_->connection->addMatch(rule, [weak, signature](sdbus::Message& m) {
+      BusSignal signal{m.getSender(), m.getPath(), m.getInterfaceName(), m.getMemberName(), {}};
+      try {
+        signal.args = readAll(m, signature);
+      } catch (const std::exception&) {
+        return;  // not the shape subscribed to
+      }
+      post([weak, signal = std::move(signal)] {
+        if (auto s = weak.lock()) s->handler(signal);
+      });
+    });
+  } catch (const sdbus::Error& e) {
+    throw BusFailure("match rule refused: " + e.getMessage(), e.getName());
+  }
+  return BusSubscription(state);
+}
+
+void Bus::requestName(const std::string& name) {
+  try {
+    impl_->connection->requestName(name);
+  } catch (const sdbus::Error& e) {
+    throw BusFailure("cannot own " + name + ": " + e.getMessage(), e.getName());
+  }
+}
+
+void Bus::releaseName(const std::string& name) {
+  try {
+    impl_->connection->releaseName(name);
+  } catch (const sdbus::Error&) {
+    // not ours any more
+  }
+}
+
+// ---- Exported objects -------------------------------------------------------------------
+
+struct BusCall::Pending {
+  explicit Pending(sdbus::MethodCall m, std::string out) : call(std::move(m)), outSignature(std::move(out)) {}
+  sdbus::MethodCall call;
+  std::string outSignature;
+  bool answered = false;
+};
+
+void BusCall::reply(const BusList& values) const {
+  if (pending_->answered) return;
+  pending_->answered = true;
+  auto message = pending_->call.createReply();
+  try {
+    writeAll(message, values, pending_->outSignature);
+  } catch (const BusFailure& e) {
+    pending_->call.createErrorReply(sdbus::Error(e.errorName(), e.what())).send();
+    return;
+  }
+  message.send();
+}
+
+void BusCall::fail(const std::string& name, const std::string& message) const {
+  if (pending_->answered) return;
+  pending_->answered = true;
+  pending_->call.createErrorReply(sdbus::Error(name, message)).send();
+}
+
+struct BusObject::Impl {
+  struct Shared {
+    std::mutex mutex;  // property values, read by the bus thread
+    std::map<std::pair<std::string, std::string>, BusValue> properties;
+    std::map<std::pair<std::string, std::string>, Method> methods;
+    PropertyWritten written;
+  };
+  std::shared_ptr<sdbus::IConnection> connection;  // outlives `object`
+  std::shared_ptr<Shared> shared = std::make_shared<Shared>();  // outlives `object` too
+  std::unique_ptr<sdbus::IObject> object;
+  std::vector<std::string> interfaces;
+  std::string path;
+
+  void noteInterface(const std::string& interface) {
+    if (std::find(interfaces.begin(), interfaces.end(), interface) == interfaces.end()) interfaces.push_back(interface);
+  }
+};
+
+BusObject::BusObject(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+BusObject::~BusObject() = default;
+
+const std::string& BusObject::path() const { return impl_->path; }
+
+void BusObject::addMethod(const std::string& interface, const std::string& name, const std::string& in,
+                          const std::string& out, Method handler) {
+  impl_->noteInterface(interface);
+  {
+    std::lock_guard lock(impl_->shared->mutex);
+    impl_->shared->methods[{interface, name}] = std::move(handler);
+  }
+  std::weak_ptr<Impl::Shared> weak = impl_->shared;
+  impl_->object->registerMethod(interface, name, in, out, [weak, interface, name, in, out](sdbus::MethodCall m) {
+    BusList args;
+    try {
+      args = readAll(m, in);
+    } catch (const std::exception& e) {
+      m.createErrorReply(sdbus::Error("org.freedesktop.DBus.Error.InvalidArgs", e.what())).send();
+      return;
+    }
+    auto sender = m.getSender();
+    auto pending = std::make_shared<BusCall::Pending>(std::move(m), out);
+    post([weak, interface, name, call = BusCall(pending, std::move(sender), std::move(args))] {
+      Method method;
+      if (auto shared = weak.lock()) {
+        std::lock_guard lock(shared->mutex);
+        method = shared->methods[{interface, name}];
+      }
+      if (method) method(call);
+      else call.fail(kUnknownMethod, "the object is gone");
+    });
+  });
+}
+
+void BusObject::addProperty(const std::string& interface, const std::string& name, BusValue initial,
+                            bool writable) {
+  impl_->noteInterface(interface);
+  const std::string signature = initial.signature();
+  {
+    std::lock_guard lock(impl_->shared->mutex);
+    impl_->shared->properties[{interface, name}] = std::move(initial);
+  }
+  std::weak_ptr<Impl::Shared> weak = impl_->shared;
+  // Runs on whichever thread asks; only sdbus::Error may leave it (as an error reply).
+  auto getter = [weak, interface, name, signature](sdbus::PropertyGetReply& reply) {
+    auto shared = weak.lock();
+    if (!shared) throw sdbus::Error("org.freedesktop.DBus.Error.UnknownObject", "the object is gone");
+    BusValue value;
+    {
+      std::lock_guard lock(shared->mutex);
+      value = shared->properties[{interface, name}];
+    }
+    try {
+      write(reply, value, signature);
+    } catch (const BusFailure& e) {
+      throw sdbus::Error(e.errorName(), e.what());
+    }
+  };
+  if (!writable) {
+    impl_->object->registerProperty(interface, name, signature, std::move(getter));
+    return;
+  }
+  impl_->object->registerProperty(
+      interface, name, signature, std::move(getter),
+      [weak, object = impl_->object.get(), interface, name, signature](sdbus::PropertySetCall& call) {
+        std::optional<BusValue> value;
+        try {
+          value = read(call, signature);
+        } catch (const BusFailure& e) {
+          throw sdbus::Error(e.errorName(), e.what());
+        }
+        auto shared = weak.lock();
+        if (!value || !shared) return;
+        {
+          std::lock_guard lock(shared->mutex);
+          shared->properties[{interface, name}] = std::move(*value);
+        }
+        object->emitPropertiesChangedSignal(interface, {name});
+        post([weak, interface, name] {
+          auto s = weak.lock();
+          if (!s) return;
+          PropertyWritten written;
+          {
+            std::lock_guard lock(s->mutex);
+            written = s->written;
+          }
+          if (written) written(interface, name);
+        });
+      });
+}
+
+void BusObject::addSignal(const std::string& interface, const std::string& name, const std::string& signature) {
+  impl_->noteInterface(interface);
+  impl_->object->registerSignal(interface, name, signature);
+}
+
+void BusObject::onPropertyWritten(PropertyWritten handler) {
+  std::lock_guard lock(impl_->shared->mutex);
+  impl_->shared->written = std::move(handler);
+}
+
+void BusObject::finish() {
+  try {
+    impl_->object->finishRegistration();
+  } catch (const sdbus::Error& e) {
+    throw BusFailure("cannot export " + impl_->path + ": " + e.getMessage(), e.getName());
+  }
+}
+
+BusValue BusObject::get(const std::string& interface, const std::string& name) const {
+  std::lock_guard lock(impl_->shared->mutex);
+  auto it = impl_->shared->properties.find({interface, name});
+  return it == impl_->shared->properties.end() ? BusValue{} : it->second;
+}
+
+void BusObject::set(const std::string& interface, const std::string& name, BusValue value) {
+  setQuietly(interface, name, std::move(value));
+  emitChanged(interface, {name});
+}
+
+void BusObject::setQuietly(const std::string& interface, const std::string& name, BusValue value) {
+  std::lock_guard lock(impl_->shared->mutex);
+  impl_->shared->properties[{interface, name}] = std::move(value);
+}
+
+void BusObject::emitChanged(const std::string& interface, const std::vector<std::string>& names) {
+  impl_->object->emitPropertiesChangedSignal(interface, names);
+}
+
+void BusObject::emitSignal(const std::string& interface, const std::string& name, const BusList& args) {
+  auto signal = impl_->object->createSignal(interface, name);
+  std::string signature;
+  for (const auto& arg : args) signature += arg.signature();
+  writeAll(signal, args, signature);
+  impl_->object->emitSignal(signal);
+}
+
+void BusObject::emitAdded() { impl_->object->emitInterfacesAddedSignal(impl_->interfaces); }
+
+void BusObject::emitRemoved() { impl_->object->emitInterfacesRemovedSignal(impl_->interfaces); }
+
+std::unique_ptr<BusObject> Bus::exportObject(const std::string& path) {
+  auto impl = std::make_unique<BusObject::Impl>();
+  if (closed()) throw BusFailure("cannot export " + path + ": the bus is closed", kUnknownMethod);
+  impl->path = path;
+  impl->connection = impl_->connection;
+  impl->object = sdbus::createObject(*impl_->connection, path);
+  return std::make_unique<BusObject>(std::move(impl));
+}
+
+std::unique_ptr<BusObject> Bus::exportObjectManager(const std::string& path) {
+  auto object = exportObject(path);
+  try {
+    object->impl_->object->addObjectManager();
+  } catch (const sdbus::Error& e) {
+    throw BusFailure("cannot export an object manager at " + path + ": " + e.getMessage(), e.getName());
+  }
+  return object;
+}
+
+}  // namespace tqble::bluez

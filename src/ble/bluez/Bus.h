@@ -1,0 +1,257 @@
+#pragma once
+
+// The D-Bus plumbing of the BlueZ backends: one connection with its own loop thread that
+// only turns messages into plain values and hands them to MainQueue::main(). Both sides
+// live here: calls and signal subscriptions for a client of bluetoothd, exported objects
+// (methods, properties, an object manager) for a server such as an advertised GATT
+// application or a stand-in bluetoothd. Nothing outside this file pair sees the D-Bus
+// library; every callback given to it runs on the main queue.
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "tqble/platform/Value.h"
+
+namespace tqble::bluez {
+
+class BusValue;
+/// A dictionary keyed by text or object path (a{sv}, a{oa{sv}}, ...).
+using BusDict = std::map<std::string, BusValue>;
+/// A dictionary keyed by a number (a{qv}: manufacturer data).
+using BusIntDict = std::map<std::int64_t, BusValue>;
+/// Array elements or struct members of any other kind.
+using BusList = std::vector<BusValue>;
+
+/// One D-Bus value as plain data, with its D-Bus type signature. Variants are unwrapped:
+/// a value read from a `v` keeps the signature of what it held.
+class BusValue {
+ public:
+  using Data = std::variant<std::monostate, bool, std::int64_t, double, std::string, Bytes,
+                            std::vector<std::string>, BusDict, BusIntDict, BusList>;
+
+  BusValue() = default;
+  BusValue(bool v) : signature_("b"), data_(v) {}
+  BusValue(std::int64_t v) : signature_("x"), data_(v) {}
+  BusValue(double v) : signature_("d"), data_(v) {}
+  BusValue(std::string v) : signature_("s"), data_(std::move(v)) {}
+  BusValue(const char* v) : signature_("s"), data_(std::string(v)) {}
+  BusValue(Bytes v) : signature_("ay"), data_(std::move(v)) {}
+  BusValue(std::vector<std::string> v) : signature_("as"), data_(std::move(v)) {}
+  BusValue(BusDict v) : signature_("a{sv}"), data_(std::move(v)) {}
+  /// Any value with an explicit signature ("o" for a path, "n" for int16, "a{qv}", ...).
+  BusValue(std::string signature, Data data) : signature_(std::move(signature)), data_(std::move(data)) {}
+
+  /// `inner` wrapped in a variant, for arguments declared `v`.
+  static BusValue variant(BusValue inner) { return {"v", BusList{std::move(inner)}}; }
+  static BusValue path(std::string p) { return {"o", std::move(p)}; }
+  static BusValue paths(std::vector<std::string> p) { return {"ao", std::move(p)}; }
+  static BusValue byte(std::uint8_t v) { return {"y", std::int64_t{v}}; }
+  static BusValue int16(std::int16_t v) { return {"n", std::int64_t{v}}; }
+  static BusValue uint16(std::uint16_t v) { return {"q", std::int64_t{v}}; }
+  static BusValue int32(std::int32_t v) { return {"i", std::int64_t{v}}; }
+  static BusValue uint32(std::uint32_t v) { return {"u", std::int64_t{v}}; }
+
+  const std::string& signature() const { return signature_; }
+  const Data& data() const { return data_; }
+  /// The held value when it is a `T`, else null.
+  template <typename T>
+  const T* as() const { return std::get_if<T>(&data_); }
+  /// The entry `key` of a text-keyed dictionary, else null.
+  const BusValue* at(const std::string& key) const;
+
+  bool operator==(const BusValue&) const = default;
+
+ private:
+  std::string signature_;
+  Data data_;
+};
+
+/// The properties of one interface, by name.
+using BusProperties = std::map<std::string, BusValue>;
+/// What GetManagedObjects and InterfacesAdded carry for one object: interface → properties.
+using BusInterfaces = std::map<std::string, BusProperties>;
+
+/// A D-Bus error by name ("org.bluez.Error.Failed") and message.
+struct BusError {
+  std::string name;
+  std::string message;
+  bool operator==(const BusError&) const = default;
+};
+
+/// The outcome of a method call: its values, or an error.
+struct BusReply {
+  std::optional<BusError> error;
+  BusList values;
+};
+
+/// A received signal.
+struct BusSignal {
+  std::string sender;
+  std::string path;
+  std::string interface;
+  std::string member;
+  BusList args;
+};
+
+/// Thrown when the bus cannot be reached or refuses a registration.
+class BusFailure : public std::runtime_error {
+ public:
+  BusFailure(const std::string& what, std::string errorName)
+      : std::runtime_error(what), errorName_(std::move(errorName)) {}
+  /// The D-Bus error name, e.g. "org.freedesktop.DBus.Error.AccessDenied".
+  const std::string& errorName() const { return errorName_; }
+
+ private:
+  std::string errorName_;
+};
+
+/// Keeps a signal subscription alive; dropping it ends the subscription, and signals
+/// already handed over but not yet delivered are dropped too.
+class BusSubscription {
+ public:
+  BusSubscription() = default;
+  explicit BusSubscription(std::shared_ptr<void> token) : token_(std::move(token)) {}
+  explicit operator bool() const { return token_ != nullptr; }
+
+ private:
+  std::shared_ptr<void> token_;
+};
+
+/// One method call received by an exported object, delivered on the main queue. Answer
+/// it once, now or later, with reply() or fail().
+class BusCall {
+ public:
+  struct Pending;
+  BusCall(std::shared_ptr<Pending> pending, std::string sender, BusList args)
+      : pending_(std::move(pending)), sender_(std::move(sender)), args_(std::move(args)) {}
+
+  /// The unique bus name of the caller.
+  const std::string& sender() const { return sender_; }
+  /// The arguments, in the order of the method's input signature.
+  const BusList& args() const { return args_; }
+  /// Sends the method's return values (in the order of its output signature).
+  void reply(const BusList& values = {}) const;
+  /// Sends an error reply.
+  void fail(const std::string& name, const std::string& message) const;
+
+ private:
+  std::shared_ptr<Pending> pending_;
+  std::string sender_;
+  BusList args_;
+};
+
+/// An object this process offers on the bus. Declare its members, then finish(); its
+/// property values live here and are read by the bus thread on demand.
+class BusObject {
+ public:
+  using Method = std::function<void(const BusCall& call)>;
+  /// A client's write to a writable property, already stored; on the main queue.
+  using PropertyWritten = std::function<void(const std::string& interface, const std::string& name)>;
+
+  struct Impl;
+  explicit BusObject(std::unique_ptr<Impl> impl);
+  ~BusObject();
+  BusObject(const BusObject&) = delete;
+  BusObject& operator=(const BusObject&) = delete;
+
+  const std::string& path() const;
+  /// Declares a method; `in`/`out` are the argument signatures ("a{sv}", "ay", "").
+  void addMethod(const std::string& interface, const std::string& name, const std::string& in,
+                 const std::string& out, Method handler);
+  /// Declares a property of `initial`'s signature, readable by every client.
+  void addProperty(const std::string& interface, const std::string& name, BusValue initial,
+                   bool writable = false);
+  /// Declares a signal so that it appears in introspection.
+  void addSignal(const std::string& interface, const std::string& name, const std::string& signature);
+  /// Called after a client wrote a writable property.
+  void onPropertyWritten(PropertyWritten handler);
+  /// Makes the declared members visible on the bus; declare nothing after it.
+  /// @throws BusFailure when the path is taken or a declaration is invalid.
+  void finish();
+
+  /// The current value of a property; an empty value when undeclared.
+  BusValue get(const std::string& interface, const std::string& name) const;
+  /// Changes a property and emits PropertiesChanged for it (also when the value is equal).
+  void set(const std::string& interface, const std::string& name, BusValue value);
+  /// Changes a property without telling anyone.
+  void setQuietly(const std::string& interface, const std::string& name, BusValue value);
+  /// Emits PropertiesChanged for these properties with their current values.
+  void emitChanged(const std::string& interface, const std::vector<std::string>& names);
+  /// Emits a signal of this object. @throws BusFailure when an argument does not fit its signature.
+  void emitSignal(const std::string& interface, const std::string& name, const BusList& args);
+  /// Emits InterfacesAdded / InterfacesRemoved for every declared interface (needs an
+  /// object manager on an ancestor path).
+  void emitAdded();
+  void emitRemoved();
+
+ private:
+  friend class Bus;
+  std::unique_ptr<Impl> impl_;
+};
+
+/// One connection to a message bus with its own loop thread.
+class Bus : public std::enable_shared_from_this<Bus> {
+ public:
+  using ReplyHandler = std::function<void(const BusReply& reply)>;
+  using SignalHandler = std::function<void(const BusSignal& signal)>;
+
+  struct Impl;
+  explicit Bus(std::unique_ptr<Impl> impl);
+  ~Bus();
+  Bus(const Bus&) = delete;
+  Bus& operator=(const Bus&) = delete;
+
+  /// A new connection to the system bus (DBUS_SYSTEM_BUS_ADDRESS when set), its loop running.
+  /// @throws BusFailure when the bus cannot be reached.
+  static std::shared_ptr<Bus> openSystem();
+  /// The process's shared system-bus connection, opened on first use and closed at exit,
+  /// before the main queue goes.
+  /// @throws BusFailure when the bus cannot be reached (tried again on the next use).
+  static std::shared_ptr<Bus> system();
+
+  /// This connection's unique name (":1.42").
+  std::string uniqueName() const;
+  /// Whether close() has run.
+  bool closed() const;
+  /// Stops the loop thread, sends the calls left for closing, and disconnects. Idempotent.
+  void close();
+
+  /// Calls a method without waiting; `onReply` (optional) gets the outcome on the main
+  /// queue, its values read by `replySignature`. A closed bus drops the call.
+  /// @throws BusFailure when an argument does not fit its own signature.
+  void call(const std::string& service, const std::string& path, const std::string& interface,
+            const std::string& method, const BusList& args, std::chrono::milliseconds timeout,
+            const std::string& replySignature = "", ReplyHandler onReply = {});
+  /// Leaves a call (by `key`) to be sent, unanswered, when this bus closes; a call under
+  /// the same key replaces it.
+  void callOnClose(const std::string& key, const std::string& service, const std::string& path,
+                   const std::string& interface, const std::string& method);
+  void cancelOnClose(const std::string& key);
+
+  /// Delivers every signal matching `rule` whose arguments read as `signature`.
+  /// @throws BusFailure when the rule is refused.
+  [[nodiscard]] BusSubscription subscribe(const std::string& rule, const std::string& signature,
+                                          SignalHandler handler);
+
+  /// Takes a well-known name. @throws BusFailure when it is refused.
+  void requestName(const std::string& name);
+  void releaseName(const std::string& name);
+  /// A new object at `path`; declare its members and finish() it.
+  std::unique_ptr<BusObject> exportObject(const std::string& path);
+  /// Answers GetManagedObjects and relays InterfacesAdded/Removed for objects under `path`.
+  /// @throws BusFailure when the path is taken.
+  std::unique_ptr<BusObject> exportObjectManager(const std::string& path);
+
+ private:
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace tqble::bluez
