@@ -2,8 +2,9 @@
 BUILD ?= build
 SANITIZE ?= OFF
 JOBS ?= $(shell nproc)
+RADIO_PACKAGES = qemu-system-x86 bluez bluez-test-tools busybox-static dbus kmod cpio
 
-.PHONY: all setup configure build test demo bench clean format
+.PHONY: all setup configure build test test-radio demo bench clean format
 
 all: build
 
@@ -18,6 +19,13 @@ build: configure
 
 test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# The bluez backend and `tqble post` against the real bluetoothd, in a qemu guest with two
+# emulated controllers: no Bluetooth hardware needed (scripts/radio/run.sh).
+test-radio: configure
+	@./scripts/setup.sh $(RADIO_PACKAGES)
+	@cmake --build $(BUILD) -j $(JOBS) --target tqble_cli tqble_radio
+	@./scripts/radio/run.sh $(BUILD)
 
 demo: configure
 	@cmake --build $(BUILD) -j $(JOBS) --target tqble_cli

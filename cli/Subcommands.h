@@ -12,5 +12,7 @@ int runFrame(const std::vector<std::string>& args);
 int runDecode(const std::vector<std::string>& args);
 /// `tqble demo`: a scripted session against the virtual charging post.
 int runDemo(const std::vector<std::string>& args);
+/// `tqble post`: a virtual charging post served on a real adapter through bluetoothd.
+int runPost(const std::vector<std::string>& args);
 
 }  // namespace tqble::cli

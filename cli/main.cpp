@@ -12,6 +12,7 @@ constexpr char kUsage[] =
     "usage: tqble frame <command> [arguments] [--status N] [--rand N] [--time SECONDS]\n"
     "       tqble decode <command> <hex> [--log]\n"
     "       tqble demo\n"
+    "       tqble post [--adapter hciN] [--name NAME] [faults]   (see 'tqble post --help')\n"
     "Frames print as upper-case hex bytes separated by single spaces; 'tqble frame --help'\n"
     "and 'tqble decode --help' describe the commands and the JSON output.\n";
 
@@ -28,6 +29,7 @@ int main(int argc, char** argv) {
     if (name == "frame") return tqble::cli::runFrame(args);
     if (name == "decode") return tqble::cli::runDecode(args);
     if (name == "demo") return tqble::cli::runDemo(args);
+    if (name == "post") return tqble::cli::runPost(args);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "tqble %s: %s\n", name.c_str(), e.what());
     return 1;
