@@ -31,7 +31,11 @@ ble::CentralFactory chosenFactory() {
     name = env && *env ? env : "sim";
   }
   auto factory = ble::backendNamed(name);
-  if (!factory) throw std::runtime_error("unknown BLE backend: " + name);
+  if (!factory) {
+    std::string built;
+    for (const auto& n : ble::backendNames()) built += (built.empty() ? "" : ", ") + n;
+    throw std::runtime_error("unknown BLE backend: " + name + " (built: " + built + ")");
+  }
   return factory;
 }
 

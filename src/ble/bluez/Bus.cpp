@@ -356,7 +356,7 @@ void Bus::close() {
   }
   impl_->farewells.clear();
   impl_->proxies.clear();
-  impl_->connection.reset();  // flushes and disconnects unless an exported object still holds it
+  impl_->connection.reset();  // flushes and disconnects, once no object or subscription holds it
 }
 
 void Bus::call(const std::string& service, const std::string& path, const std::string& interface,
@@ -403,12 +403,14 @@ void Bus::cancelOnClose(const std::string& key) {
 }
 
 BusSubscription Bus::subscribe(const std::string& rule, const std::string& signature, SignalHandler handler) {
-  if (closed()) return {};
+  if (closed() || !impl_->connection) return {};
   struct State {
+    std::shared_ptr<sdbus::IConnection> connection;  // outlives `slot`
     SignalHandler handler;
     sdbus::Slot slot;
   };
   auto state = std::make_shared<State>();
+  state->connection = impl_->connection;
   state->handler = std::move(handler);
   std::weak_ptr<State> weak = state;
   try {

@@ -1,0 +1,463 @@
+// The BlueZ central: adapter state, scanning and links, kept in step with bluetoothd's
+// object tree through its signals. Nothing here waits for the bus: every call's reply
+// comes back as a later task on the main queue.
+#include <algorithm>
+#include <cstdlib>
+
+#include "BluezInternal.h"
+#include "tqble/platform/Log.h"
+#include "tqble/platform/MainQueue.h"
+
+namespace tqble::bluez {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kConnectTimeout = 35s;
+constexpr auto kCallTimeout = 10s;
+// How long bluetoothd may stay away before its absence counts as no Bluetooth at all.
+constexpr auto kResettingLimit = 5s;
+// How long a vanished adapter counts as resetting before the next one is chosen.
+constexpr auto kAdapterGoneWait = 300ms;
+constexpr char kConnectionFailed[] = "The connection to the charging post failed.";
+constexpr char kLinkLost[] = "The link to the charging post was lost.";
+constexpr char kAccessDenied[] = "org.freedesktop.DBus.Error.AccessDenied";
+constexpr char kUnknownObject[] = "org.freedesktop.DBus.Error.UnknownObject";
+
+bool isUnder(const std::string& path, const std::string& parent) {
+  return path.size() > parent.size() && path.compare(0, parent.size(), parent) == 0 && path[parent.size()] == '/';
+}
+
+std::vector<std::string> texts(const BusValue* v) {
+  if (v) {
+    if (const auto* list = v->as<std::vector<std::string>>()) return *list;
+  }
+  return {};
+}
+
+// The full lower-case form bluetoothd's filter expects.
+std::string fullUuid(const ble::UUID& uuid) {
+  std::string text = uuid.UUIDString();
+  if (text.size() == 4) text = "0000" + text;
+  if (text.size() == 8) text += "-0000-1000-8000-00805f9b34fb";
+  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return text;
+}
+
+}  // namespace
+
+TQError busError(const BusError& error, const char* what, std::int64_t code) {
+  std::string domain = what;
+  if (!error.message.empty()) domain += " (" + error.message + ")";
+  return TQError{domain, code, {{"name", Value{error.name}}, {"message", Value{error.message}}}};
+}
+
+// ---- Object tree ---------------------------------------------------------------------
+
+void ObjectTree::add(const std::string& path, const BusInterfaces& interfaces) {
+  for (const auto& [interface, props] : interfaces) {
+    auto& mine = objects_[path][interface];
+    for (const auto& [name, value] : props) mine[name] = value;
+  }
+}
+
+void ObjectTree::remove(const std::string& path, const std::vector<std::string>& interfaces) {
+  auto it = objects_.find(path);
+  if (it == objects_.end()) return;
+  for (const auto& interface : interfaces) it->second.erase(interface);
+  if (it->second.empty()) objects_.erase(it);
+}
+
+void ObjectTree::change(const std::string& path, const std::string& interface, const BusProperties& changed,
+                        const std::vector<std::string>& invalidated) {
+  auto it = objects_.find(path);
+  if (it == objects_.end()) return;  // not exported (yet): its InterfacesAdded carries everything
+  auto iface = it->second.find(interface);
+  if (iface == it->second.end()) return;
+  for (const auto& [name, value] : changed) iface->second[name] = value;
+  for (const auto& name : invalidated) iface->second.erase(name);
+}
+
+const BusProperties* ObjectTree::find(const std::string& path, const std::string& interface) const {
+  auto it = objects_.find(path);
+  if (it == objects_.end()) return nullptr;
+  auto iface = it->second.find(interface);
+  return iface == it->second.end() ? nullptr : &iface->second;
+}
+
+std::vector<std::string> ObjectTree::pathsWith(const std::string& interface) const {
+  std::vector<std::string> out;
+  for (const auto& [path, interfaces] : objects_) {
+    if (interfaces.contains(interface)) out.push_back(path);
+  }
+  return out;
+}
+
+const BusValue* ObjectTree::property(const std::string& path, const std::string& interface,
+                                     const std::string& name) const {
+  const auto* props = find(path, interface);
+  if (!props) return nullptr;
+  auto it = props->find(name);
+  return it == props->end() ? nullptr : &it->second;
+}
+
+bool ObjectTree::flag(const std::string& path, const std::string& interface, const std::string& name) const {
+  const auto* v = property(path, interface, name);
+  const bool* b = v ? v->as<bool>() : nullptr;
+  return b && *b;
+}
+
+std::string ObjectTree::text(const std::string& path, const std::string& interface, const std::string& name) const {
+  const auto* v = property(path, interface, name);
+  const auto* s = v ? v->as<std::string>() : nullptr;
+  return s ? *s : std::string();
+}
+
+void ObjectTree::setQuietly(const std::string& path, const std::string& interface, const std::string& name,
+                            BusValue v) {
+  if (auto it = objects_.find(path); it != objects_.end() && it->second.contains(interface)) {
+    it->second[interface][name] = std::move(v);
+  }
+}
+
+// ---- Central: the bus and the tree ------------------------------------------------------
+
+std::shared_ptr<ble::CentralManager> makeCentral(std::weak_ptr<ble::CentralManagerDelegate> delegate) {
+  auto central = std::make_shared<BluezCentral>(std::move(delegate));
+  central->start();
+  return central;
+}
+
+void BluezCentral::start() {
+  try {
+    bus_ = Bus::system();
+    std::weak_ptr<BluezCentral> weak = weak_from_this();
+    auto on = [weak](auto member) {
+      return [weak, member](const BusSignal& s) {
+        if (auto self = weak.lock()) member(*self, s);
+      };
+    };
+    const std::string fromBlueZ = "type='signal',sender='org.bluez',";
+    subscriptions_.push_back(bus_->subscribe(
+        fromBlueZ + "interface='org.freedesktop.DBus.ObjectManager',member='InterfacesAdded'", "oa{sa{sv}}",
+        on([](BluezCentral& self, const BusSignal& s) {
+          const auto* interfaces = s.args[1].as<BusDict>();
+          BusInterfaces added;
+          for (const auto& [name, props] : *interfaces) {
+            if (const auto* p = props.as<BusDict>()) added[name] = *p;
+          }
+          self.interfacesAdded(*s.args[0].as<std::string>(), added);
+        })));
+    subscriptions_.push_back(bus_->subscribe(
+        fromBlueZ + "interface='org.freedesktop.DBus.ObjectManager',member='InterfacesRemoved'", "oas",
+        on([](BluezCentral& self, const BusSignal& s) {
+          self.interfacesRemoved(*s.args[0].as<std::string>(), texts(&s.args[1]));
+        })));
+    subscriptions_.push_back(bus_->subscribe(
+        fromBlueZ + "interface='org.freedesktop.DBus.Properties',member='PropertiesChanged',path_namespace='/org/bluez'",
+        "sa{sv}as", on([](BluezCentral& self, const BusSignal& s) {
+          self.propertiesChanged(s.path, *s.args[0].as<std::string>(), *s.args[1].as<BusDict>(), texts(&s.args[2]));
+        })));
+    subscriptions_.push_back(bus_->subscribe(
+        "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',member='NameOwnerChanged',"
+        "arg0='org.bluez'",
+        "sss", on([](BluezCentral& self, const BusSignal& s) { self.ownerChanged(*s.args[2].as<std::string>()); })));
+  } catch (const BusFailure& e) {
+    // No system bus (a sandbox) or one that turns us away.
+    TQLog("bluez: %s", e.what());
+    const auto state = e.errorName() == kAccessDenied ? ble::CentralManagerStateUnauthorized
+                                                       : ble::CentralManagerStateUnsupported;
+    MainQueue::main().async([weak = weak_from_this(), state] {
+      if (auto self = weak.lock()) self->setState(state);
+    });
+    return;
+  }
+  // Subscribed first, then read: nothing between the two is missed.
+  sync();
+}
+
+void BluezCentral::call(const std::string& path, const std::string& interface, const std::string& method,
+                        const BusList& args, std::chrono::milliseconds timeout, const std::string& replySignature,
+                        Bus::ReplyHandler onReply) {
+  if (bus_) bus_->call(kBlueZ, path, interface, method, args, timeout, replySignature, std::move(onReply));
+}
+
+void BluezCentral::sync() {
+  const auto generation = ++generation_;
+  call("/", "org.freedesktop.DBus.ObjectManager", "GetManagedObjects", {}, kCallTimeout, "a{oa{sa{sv}}}",
+       [weak = weak_from_this(), generation](const BusReply& reply) {
+         if (auto self = weak.lock()) self->synced(reply, generation);
+       });
+}
+
+void BluezCentral::synced(const BusReply& reply, std::uint64_t generation) {
+  if (generation != generation_) return;
+  if (reply.error) {
+    // No bluetoothd on the bus, or a policy that keeps us from it.
+    setState(reply.error->name == kAccessDenied ? ble::CentralManagerStateUnauthorized
+                                                : ble::CentralManagerStateUnsupported);
+    return;
+  }
+  tree_.clear();
+  for (const auto& [path, interfaces] : *reply.values.at(0).as<BusDict>()) {
+    BusInterfaces plain;
+    for (const auto& [name, props] : *interfaces.as<BusDict>()) {
+      if (const auto* p = props.as<BusDict>()) plain[name] = *p;
+    }
+    tree_.add(path, plain);
+  }
+  chooseAdapter();
+}
+
+void BluezCentral::ownerChanged(const std::string& newOwner) {
+  ++generation_;
+  if (!newOwner.empty()) {
+    sync();
+    return;
+  }
+  // bluetoothd went away: its objects and our links with it.
+  tree_.clear();
+  adapter_.clear();
+  loseLinks();
+  setState(ble::CentralManagerStateResetting);
+  MainQueue::main().asyncAfter(kResettingLimit, [weak = weak_from_this(), generation = generation_] {
+    auto self = weak.lock();
+    if (self && self->generation_ == generation) self->setState(ble::CentralManagerStateUnsupported);
+  });
+}
+
+void BluezCentral::chooseAdapter() {
+  const char* wanted = std::getenv("TQBLE_BLUEZ_ADAPTER");
+  std::string chosen;
+  for (const auto& path : tree_.pathsWith(kAdapterInterface)) {
+    if (wanted && *wanted && path != std::string("/org/bluez/") + wanted) continue;
+    chosen = path;
+    break;
+  }
+  if (chosen != adapter_) {
+    // Links and scans belong to the adapter they were made on.
+    loseLinks();
+    adapter_ = chosen;
+  }
+  if (adapter_.empty()) return setState(ble::CentralManagerStateUnsupported);
+  setState(tree_.flag(adapter_, kAdapterInterface, "Powered") ? ble::CentralManagerStatePoweredOn
+                                                               : ble::CentralManagerStatePoweredOff);
+}
+
+void BluezCentral::setState(std::int64_t state) {
+  if (state == state_) return;
+  if (state_ == ble::CentralManagerStatePoweredOn) {
+    // As on a phone: leaving powered-on stops the scan and drops links without a report.
+    scanning_ = false;
+    for (auto& [path, peripheral] : peripherals_) {
+      if (peripheral->link() != BluezPeripheral::Link::Disconnected) peripheral->linkDown();
+    }
+  }
+  state_ = state;
+  if (auto d = liveDelegate()) d->centralManagerDidUpdateState(*this);
+}
+
+void BluezCentral::interfacesAdded(const std::string& path, const BusInterfaces& interfaces) {
+  tree_.add(path, interfaces);
+  if (interfaces.contains(kAdapterInterface)) chooseAdapter();
+  if (interfaces.contains(kDeviceInterface) && tree_.property(path, kDeviceInterface, "RSSI")) heard(path);
+  if (interfaces.contains(kServiceInterface) || interfaces.contains(kCharacteristicInterface)) {
+    if (auto p = owningPeripheral(path)) p->attributeAdded();
+  }
+}
+
+void BluezCentral::interfacesRemoved(const std::string& path, const std::vector<std::string>& interfaces) {
+  tree_.remove(path, interfaces);
+  const auto has = [&](const char* name) { return std::find(interfaces.begin(), interfaces.end(), name) != interfaces.end(); };
+  if (has(kDeviceInterface)) {
+    if (auto p = knownPeripheral(path); p && p->link() != BluezPeripheral::Link::Disconnected) {
+      loseLink(*p, TQError{kLinkLost, kConnectionTimeoutCode, {}});
+    }
+  }
+  if (has(kAdapterInterface) && path == adapter_) adapterGone();
+}
+
+// Unplugged, or bluetoothd stopping: which of the two shows a moment later.
+void BluezCentral::adapterGone() {
+  loseLinks();
+  adapter_.clear();
+  setState(ble::CentralManagerStateResetting);
+  MainQueue::main().asyncAfter(kAdapterGoneWait, [weak = weak_from_this(), generation = generation_] {
+    auto self = weak.lock();
+    if (self && self->generation_ == generation && self->adapter_.empty()) self->chooseAdapter();
+  });
+}
+
+void BluezCentral::propertiesChanged(const std::string& path, const std::string& interface,
+                                     const BusProperties& changed, const std::vector<std::string>& invalidated) {
+  tree_.change(path, interface, changed, invalidated);
+  if (interface == kAdapterInterface) {
+    if (path == adapter_ && changed.contains("Powered")) chooseAdapter();
+  } else if (interface == kDeviceInterface) {
+    if (auto p = knownPeripheral(path)) p->refresh(tree_);
+    if (changed.contains("RSSI") || changed.contains("ManufacturerData") || changed.contains("ServiceData")) heard(path);
+    auto p = knownPeripheral(path);
+    if (!p) return;
+    if (const auto* c = changed.contains("Connected") ? changed.at("Connected").as<bool>() : nullptr; c && !*c) {
+      if (p->link() == BluezPeripheral::Link::Connected) loseLink(*p, TQError{kLinkLost, kConnectionTimeoutCode, {}});
+    }
+    if (const auto* r = changed.contains("ServicesResolved") ? changed.at("ServicesResolved").as<bool>() : nullptr; r && *r) {
+      p->servicesResolved();
+    }
+  } else if (interface == kCharacteristicInterface) {
+    const auto* value = changed.contains("Value") ? changed.at("Value").as<Bytes>() : nullptr;
+    if (!value) return;
+    if (auto p = owningPeripheral(path)) p->valueChanged(path, *value);
+  }
+}
+
+std::shared_ptr<BluezPeripheral> BluezCentral::peripheralAt(const std::string& path) {
+  auto& slot = peripherals_[path];
+  if (!slot) slot = std::make_shared<BluezPeripheral>(path, weak_from_this());
+  slot->refresh(tree_);
+  return slot;
+}
+
+std::shared_ptr<BluezPeripheral> BluezCentral::knownPeripheral(const std::string& path) const {
+  auto it = peripherals_.find(path);
+  return it == peripherals_.end() ? nullptr : it->second;
+}
+
+std::shared_ptr<BluezPeripheral> BluezCentral::owningPeripheral(const std::string& path) const {
+  for (const auto& [device, peripheral] : peripherals_) {
+    if (isUnder(path, device)) return peripheral;
+  }
+  return nullptr;
+}
+
+// ---- Scanning ------------------------------------------------------------------------
+
+void BluezCentral::scanForPeripheralsWithServices(const std::vector<ble::UUID>& serviceUUIDs,
+                                                  const Dictionary& /*options*/) {
+  // Like a phone stack, a scan asked for while the adapter is off is ignored.
+  if (state_ != ble::CentralManagerStatePoweredOn) return;
+  scanning_ = true;
+  filter_ = serviceUUIDs;
+  std::vector<std::string> uuids;
+  for (const auto& u : serviceUUIDs) uuids.push_back(fullUuid(u));
+  // Duplicates wanted: every advertisement heard is one report.
+  BusDict filter{{"Transport", BusValue("le")}, {"DuplicateData", BusValue(true)}};
+  if (!uuids.empty()) filter["UUIDs"] = BusValue(uuids);
+  const auto adapter = adapter_;
+  call(adapter, kAdapterInterface, "SetDiscoveryFilter", {BusValue(filter)}, kCallTimeout, "",
+       [weak = weak_from_this(), adapter](const BusReply& reply) {
+         auto self = weak.lock();
+         if (!self || !self->scanning_ || self->adapter_ != adapter) return;
+         if (reply.error) TQLog("bluez: discovery filter refused: %s", reply.error->message.c_str());
+         self->call(adapter, kAdapterInterface, "StartDiscovery", {}, kCallTimeout, "", [](const BusReply& r) {
+           // InProgress: this connection's session is already running.
+           if (r.error && r.error->name != "org.bluez.Error.InProgress") {
+             TQLog("bluez: scanning refused: %s %s", r.error->name.c_str(), r.error->message.c_str());
+           }
+         });
+       });
+}
+
+void BluezCentral::heard(const std::string& path) {
+  if (!scanning_) return;
+  if (tree_.text(path, kDeviceInterface, "Adapter") != adapter_) return;
+  const auto* rssi = tree_.property(path, kDeviceInterface, "RSSI");
+  const auto* level = rssi ? rssi->as<std::int64_t>() : nullptr;
+  if (!level) return;
+  // Filters of every client are merged by bluetoothd: ours is applied here again.
+  std::vector<std::string> offered;
+  for (const auto& u : texts(tree_.property(path, kDeviceInterface, "UUIDs"))) offered.push_back(ble::UUID::fromString(u).UUIDString());
+  if (!filter_.empty() && std::none_of(filter_.begin(), filter_.end(), [&](const ble::UUID& u) {
+        return std::find(offered.begin(), offered.end(), u.UUIDString()) != offered.end();
+      })) {
+    return;
+  }
+  Dictionary advertisement;
+  if (const auto* name = tree_.property(path, kDeviceInterface, "Name"); name && name->as<std::string>()) {
+    advertisement["kCBAdvDataLocalName"] = Value{*name->as<std::string>()};
+  }
+  if (!offered.empty()) advertisement["kCBAdvDataServiceUUIDs"] = Value{offered};
+  if (const auto* m = tree_.property(path, kDeviceInterface, "ManufacturerData")) {
+    if (const auto* byCompany = m->as<BusIntDict>(); byCompany && !byCompany->empty()) {
+      const auto& [company, data] = *byCompany->begin();
+      Bytes bytes{static_cast<std::uint8_t>(company & 0xFF), static_cast<std::uint8_t>(company >> 8)};
+      if (const auto* b = data.as<Bytes>()) bytes.insert(bytes.end(), b->begin(), b->end());
+      advertisement["kCBAdvDataManufacturerData"] = Value{bytes};
+    }
+  }
+  auto peripheral = peripheralAt(path);
+  if (auto d = liveDelegate()) d->didDiscoverPeripheral(*this, peripheral, advertisement, *level);
+}
+
+void BluezCentral::stopScan() {
+  if (!scanning_) return;
+  // Cleared first: reports already on their way are dropped.
+  scanning_ = false;
+  // NotReady (powered off) and "No discovery started" need nothing more.
+  call(adapter_, kAdapterInterface, "StopDiscovery", {}, kCallTimeout);
+}
+
+// ---- Links ---------------------------------------------------------------------------
+
+void BluezCentral::connectPeripheral(const std::shared_ptr<ble::Peripheral>& peripheral, const Dictionary&) {
+  auto p = std::dynamic_pointer_cast<BluezPeripheral>(peripheral);
+  if (!p || knownPeripheral(p->path()) != p || state_ != ble::CentralManagerStatePoweredOn) return;
+  if (p->link() != BluezPeripheral::Link::Disconnected) return;
+  p->beginConnecting();
+  const auto attempt = p->linkNumber();
+  call(p->path(), kDeviceInterface, "Connect", {}, kConnectTimeout, "",
+       [weak = weak_from_this(), p, attempt](const BusReply& reply) {
+         auto self = weak.lock();
+         if (!self || p->linkNumber() != attempt || p->link() != BluezPeripheral::Link::Connecting) return;
+         // A link left by an earlier process is ours now.
+         if (reply.error && reply.error->name != "org.bluez.Error.AlreadyConnected") {
+           p->linkDown();
+           auto error = *reply.error;
+           // bluetoothd forgets devices heard in a scan 30 s after it, and at power-off.
+           if (error.name == kUnknownObject) error.message = "the post is no longer known: scan for it again";
+           if (auto d = self->liveDelegate()) {
+             d->didFailToConnectPeripheral(*self, p, busError(error, kConnectionFailed, kConnectionFailedCode));
+           }
+           return;
+         }
+         // The reply comes when the link is up, often without a Connected signal.
+         self->tree_.setQuietly(p->path(), kDeviceInterface, "Connected", BusValue(true));
+         p->linkUp();
+         // bluetoothd keeps a link after its client exits: ours end with this process.
+         if (self->bus_) self->bus_->callOnClose(p->path(), kBlueZ, p->path(), kDeviceInterface, "Disconnect");
+         if (auto d = self->liveDelegate()) d->didConnectPeripheral(*self, p);
+       });
+}
+
+void BluezCentral::cancelPeripheralConnection(const std::shared_ptr<ble::Peripheral>& peripheral) {
+  auto p = std::dynamic_pointer_cast<BluezPeripheral>(peripheral);
+  if (!p || knownPeripheral(p->path()) != p || p->link() == BluezPeripheral::Link::Disconnected) return;
+  p->linkDown();
+  // Also cancels a pending Connect; the answer, whatever it is, ends the link for us.
+  call(p->path(), kDeviceInterface, "Disconnect", {}, kCallTimeout, "", [weak = weak_from_this(), p](const BusReply&) {
+    auto self = weak.lock();
+    if (!self) return;
+    if (auto d = self->liveDelegate()) d->didDisconnectPeripheral(*self, p, std::nullopt);
+  });
+}
+
+void BluezCentral::loseLinks() {
+  scanning_ = false;
+  for (auto& [path, peripheral] : peripherals_) {
+    if (peripheral->link() != BluezPeripheral::Link::Disconnected) {
+      loseLink(*peripheral, TQError{kLinkLost, kConnectionTimeoutCode, {}});
+    }
+  }
+}
+
+void BluezCentral::loseLink(BluezPeripheral& peripheral, const TQError& error) {
+  const bool wasConnected = peripheral.link() == BluezPeripheral::Link::Connected;
+  peripheral.linkDown();
+  auto p = peripheral.shared_from_this();
+  if (auto d = liveDelegate()) {
+    if (wasConnected) d->didDisconnectPeripheral(*this, p, error);
+    else d->didFailToConnectPeripheral(*this, p, TQError{kConnectionFailed, error.code, {}});
+  }
+}
+
+}  // namespace tqble::bluez

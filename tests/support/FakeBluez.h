@@ -1,0 +1,86 @@
+#pragma once
+
+// A stand-in bluetoothd 5.66 on the test's private bus, steered by direct calls. Its posts
+// are VirtualPosts: frames written to FFF3 get the post's real answers, notified on FFF4 in
+// pieces of 20 bytes. It runs on the main queue (real clock) like the backend, and
+// behaves as bluetoothd was measured to: the Connect reply before the services resolve,
+// often no Connected=true signal, the read's Value signal before its reply, one Value
+// signal per notification even for equal pieces, GATT objects kept across links,
+// devices only while discovering and removed at power-off, its error names.
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "ble/bluez/Bus.h"
+#include "tqble/sim/VirtualPost.h"
+
+namespace tqble::test {
+
+/// bluetoothd's ways, switched per post.
+struct BluezFaults {
+  bool silentConnected = false;                ///< no Connected=true signal for a link
+  std::optional<bluez::BusError> connectError;  ///< Connect fails with it
+  bool connectHangs = false;                   ///< Connect answers only when cancelled
+  bool lateChargerService = false;             ///< FFF0 exported after ServicesResolved
+};
+
+class FakeBluez {
+ public:
+  /// Owns org.bluez with one powered adapter, hci0.
+  FakeBluez();
+  ~FakeBluez();
+
+  /// Puts a post in range of `adapter`; its identifier must be an address ("C0:FF:EE:00:00:01").
+  std::shared_ptr<sim::VirtualPost> addPost(sim::PostSetup setup, const std::string& adapter = "hci0");
+  BluezFaults& faults(const std::shared_ptr<sim::VirtualPost>& post);
+  /// The device object path of a post.
+  static std::string pathOf(const sim::PostSetup& setup, const std::string& adapter = "hci0");
+
+  void addAdapter(const std::string& name, bool powered);
+  void removeAdapter(const std::string& name);
+  /// Power-off: Powered=false, links dropped, temporary devices removed.
+  void setPowered(bool on, const std::string& adapter = "hci0");
+  /// The link to `post` is lost (Connected=false, no reason given).
+  void dropLink(const std::shared_ptr<sim::VirtualPost>& post);
+  /// Forgets a post's device object while idle, as bluetoothd does 30 s after a scan.
+  void expire(const std::shared_ptr<sim::VirtualPost>& post);
+  /// bluetoothd restarts: every object removed, the name lost, then owned again afresh.
+  void restart();
+  /// bluetoothd stops for good.
+  void leave();
+
+  /// Method calls received, e.g. "StartDiscovery hci0", "WriteValue FFF3 command 68B5...".
+  const std::vector<std::string>& calls() const { return calls_; }
+  /// Whether a link to `post` is up.
+  bool connected(const std::shared_ptr<sim::VirtualPost>& post) const;
+  /// Number of notify sessions on FFF4 of `post`.
+  std::size_t notifySessions(const std::shared_ptr<sim::VirtualPost>& post) const;
+
+  struct Device;
+  struct Adapter;
+
+ private:
+  void own();
+  void exportAdapter(const std::string& name, bool powered);
+  void exportDevice(Device& d);
+  void exportGatt(Device& d, bool charger);
+  void removeDevice(Device& d);
+  void advertise(const std::string& adapter, std::uint64_t session);
+  void disconnect(Device& d);
+  void notifyAnswer(Device& d, const Bytes& answer);
+  Device* deviceAt(const std::string& path);
+  Device& deviceOf(const std::shared_ptr<sim::VirtualPost>& post) const;
+
+  std::shared_ptr<bluez::Bus> bus_;
+  std::unique_ptr<bluez::BusObject> root_;
+  std::map<std::string, std::unique_ptr<Adapter>> adapters_;
+  std::vector<std::unique_ptr<Device>> devices_;
+  std::vector<std::string> calls_;
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+};
+
+}  // namespace tqble::test
