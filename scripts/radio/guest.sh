@@ -11,7 +11,7 @@ TQBLE=$BUILD/cli/tqble
 POST_NAME=TQ-RADIO-POST
 
 start_bluetoothd() { /usr/libexec/bluetooth/bluetoothd -n -d >>/run/bluetoothd.log 2>&1 & }
-start_post() { "$TQBLE" post --adapter hci0 --name $POST_NAME >>/run/post.log 2>&1 & }
+start_post() { "$TQBLE" post --adapter hci0 --name $POST_NAME --state plugged >>/run/post.log 2>&1 & }
 adapters() {  # how many adapters bluetoothd exports
   dbus-send --system --print-reply --dest=org.bluez / org.freedesktop.DBus.ObjectManager.GetManagedObjects \
     2>/dev/null | grep -c '"org.bluez.Adapter1"'
@@ -76,6 +76,7 @@ for attempt in 1 2 3; do
 done
 [ "$controllers" -ge 2 ] || { say "bring-up failed: $controllers controllers after $attempt btvirt starts"; finish; }
 step "controllers: $controllers (btvirt starts: $attempt)"
+[ -n "$(arg radio_btmon)" ] && btmon -w /run/hci.btsnoop >/dev/null 2>&1 &
 start_bluetoothd
 wait_for 200 sh -c '[ "$(dbus-send --system --print-reply --dest=org.bluez / org.freedesktop.DBus.ObjectManager.GetManagedObjects 2>/dev/null | grep -c "\"org.bluez.Adapter1\"")" -ge 2 ]' \
   || { say "bring-up failed: bluetoothd exports $(adapters) adapters"; finish; }
@@ -100,6 +101,7 @@ for s in $("$BUILD/tests/radio/tqble_radio" --list); do
     tail -25 /run/scenario.log | sed 's/^/radio:   | /'
     echo "radio:   | -- post:"; tail -8 /run/post.log | sed 's/^/radio:   | /'
     tail -150 /run/bluetoothd.log | sed 's/^/guest: bluetoothd: /'   # in the boot log only
+    [ -f /run/hci.btsnoop ] && btmon -r /run/hci.btsnoop 2>/dev/null | grep -E '^[<>@] |Address:|Name' | tail -300 | sed 's/^/guest: btmon: /'
   fi
 done
 say "summary: $passed passed, $failed failed"

@@ -52,7 +52,7 @@ boot() {  # $1 = attempt number; the guest's own lines start with "radio:"
   timeout --kill-after=10 "$BOOT_TIMEOUT" qemu-system-x86_64 -accel tcg -m 1024 -smp 2 \
     -nographic -no-reboot -nodefaults -serial stdio -monitor none \
     -kernel "$KDIR/boot/vmlinuz-$KVER" -initrd "$WORK/initramfs.cpio.gz" \
-    -append "console=ttyS0 quiet loglevel=3 panic=-1 radio_init=$HERE/guest.sh radio_build=$BUILD radio_kdir=$KDIR" \
+    -append "console=ttyS0 quiet loglevel=3 panic=-1 radio_init=$HERE/guest.sh radio_build=$BUILD radio_kdir=$KDIR ${RADIO_BTMON:+radio_btmon=1}" \
     -virtfs local,path=/,mount_tag=hostroot,security_model=none,readonly=on,multidevs=remap \
     </dev/null 2>&1 | sed -u 's/\r$//' | tee "$log" | sed -un 's/^radio: //p'
   local rc=${PIPESTATUS[0]}

@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -60,6 +61,7 @@ class App {
     delegate_ = std::make_shared<TQBleManagerDelegate>();
     delegate_->tqbleManagerCenterState = [this](std::int64_t s) { states.push_back(s); };
     delegate_->didDiscoverPeripheral = [this](TQBleManager&, const PeripheralPtr& p, std::int64_t rssi) {
+      heard.insert(p->identifier() + " \"" + p->name() + "\"");
       if (p->name() == postName() && !post) post = p, rssi_ = rssi;
     };
     delegate_->didConnectPeripheral = [this](TQBleManager&, const PeripheralPtr&) { ++connects; };
@@ -93,7 +95,13 @@ class App {
     const auto start = std::chrono::steady_clock::now();
     post.reset();
     manager->scanForPeripherals();
-    waitFor([this] { return post != nullptr; }, 40s, "an advertisement of " + postName());
+    try {
+      waitFor([this] { return post != nullptr; }, 40s, "an advertisement of " + postName());
+    } catch (const Failure& e) {
+      std::string seen;
+      for (const auto& h : heard) seen += " " + h;
+      throw Failure(e.what() + std::string("; heard:") + (seen.empty() ? " nothing" : seen));
+    }
     manager->stopScan();
     return since(start);
   }
@@ -142,6 +150,7 @@ class App {
   std::vector<std::shared_ptr<TQBleDataModel>> models;
   std::vector<std::pair<std::int64_t, Bytes>> answers;
   std::vector<std::string> log;
+  std::set<std::string> heard;  ///< every peripheral reported, with its name
   std::int64_t rssi_ = 0;
 
  private:

@@ -179,14 +179,19 @@ void PostServer::stop(std::function<void()> done) {
   links_ = {};
   if (!registered_) return done();
   registered_ = false;
-  auto self = shared_from_this();
+  // Weak: a handler may be destroyed on the bus thread, which must never hold the last reference.
+  std::weak_ptr<PostServer> weak = weak_from_this();
   bus_->call(kBlueZ, adapterPath_, "org.bluez.LEAdvertisingManager1", "UnregisterAdvertisement",
-             {BusValue::path(kAdvertisementPath)}, kCallTimeout, "", [self, done](const BusReply&) {
+             {BusValue::path(kAdvertisementPath)}, kCallTimeout, "", [weak, done](const BusReply&) {
+               auto self = weak.lock();
+               if (!self) return done();
                self->bus_->call(kBlueZ, self->adapterPath_, "org.bluez.GattManager1", "UnregisterApplication",
                                 {BusValue::path(kApplicationPath)}, kCallTimeout, "",
-                                [self, done](const BusReply& reply) {
-                                  self->say(reply.error ? "unregistering: " + text(reply)
-                                                        : "advertisement and application unregistered");
+                                [weak, done](const BusReply& reply) {
+                                  if (auto self = weak.lock()) {
+                                    self->say(reply.error ? "unregistering: " + text(reply)
+                                                          : "advertisement and application unregistered");
+                                  }
                                   done();
                                 });
              });
@@ -237,6 +242,9 @@ void PostServer::deliver(const Bytes& answer) {
 void PostServer::dropLink() {
   if (lastWriter_.empty()) return say("no central to drop");
   say("dropping the link to " + lastWriter_.substr(lastWriter_.rfind('/') + 1));
+  // The central's subscription ends with its link: the rest of the answer goes nowhere.
+  notifying_ = false;
+  read_->setQuietly(kCharacteristicInterface, "Notifying", false);
   bus_->call(kBlueZ, lastWriter_, "org.bluez.Device1", "Disconnect", {}, kCallTimeout);
 }
 
