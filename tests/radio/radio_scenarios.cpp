@@ -94,15 +94,18 @@ class App {
     poweredOn();
     const auto start = std::chrono::steady_clock::now();
     post.reset();
-    manager->scanForPeripherals();
-    try {
-      waitFor([this] { return post != nullptr; }, 40s, "an advertisement of " + postName());
-    } catch (const Failure& e) {
+    // The emulated controllers can lose the first reports of a scan for good, until the
+    // scanner starts over; a new scan every few seconds keeps the wait short.
+    for (int attempt = 0; attempt < 6 && !post; ++attempt) {
+      manager->scanForPeripherals();
+      MainQueue::main().runUntil([this] { return post != nullptr; }, 8s);
+      manager->stopScan();
+    }
+    if (!post) {
       std::string seen;
       for (const auto& h : heard) seen += " " + h;
-      throw Failure(e.what() + std::string("; heard:") + (seen.empty() ? " nothing" : seen));
+      throw Failure("no advertisement of " + postName() + " in 48 s; heard:" + (seen.empty() ? " nothing" : seen));
     }
-    manager->stopScan();
     return since(start);
   }
 
