@@ -21,6 +21,8 @@
 namespace tqble::cli {
 namespace {
 
+#if TQBLE_HAVE_BLUEZ
+
 constexpr char kPostUsage[] =
     "usage: tqble post [--adapter hciN] [--name NAME] [--state idle|plugged|charging|fault]\n"
     "                  [--refuse CODE,...] [--split N,...] [--lose I,...] [--late I:MS,...]\n"
@@ -124,24 +126,14 @@ std::vector<std::int64_t> integers(const std::string& list, const std::string& w
   return out;
 }
 
-#if TQBLE_HAVE_BLUEZ
-
 void applyState(sim::PostModel& model, const std::string& state) {
   if (state == "idle") return;
   if (state == "plugged") return model.plugIn();
   if (state == "charging") return model.plugIn(), void(model.startCharging());
-  if (state == "fault") return model.raiseFault(sim::FaultOverCurrent);
-  throw UsageError("unknown state '" + state + "' (idle, plugged, charging, fault)");
+  if (state == "fault") model.raiseFault(sim::FaultOverCurrent);
 }
 
-#endif
-
 int servePost(const std::vector<std::string>& args) {
-#if !TQBLE_HAVE_BLUEZ
-  (void)args;
-  std::fputs("tqble post: this build has no BlueZ support (configure with TQBLE_BLUEZ=ON)\n", stderr);
-  return 1;
-#else
   bluez::PostOptions options;
   options.timing.answer = std::chrono::milliseconds(5);
   std::string state = "idle";
@@ -163,6 +155,9 @@ int servePost(const std::vector<std::string>& args) {
     } else if (a == "--name") {
       options.setup.name = v;
     } else if (a == "--state") {
+      if (v != "idle" && v != "plugged" && v != "charging" && v != "fault") {
+        throw UsageError("unknown state '" + v + "'");
+      }
       state = v;
     } else if (a == "--refuse") {
       if (v == "all") {
@@ -242,8 +237,16 @@ int servePost(const std::vector<std::string>& args) {
   server.reset();
   bus->close();
   return status;
-#endif
 }
+
+#else
+
+int servePost(const std::vector<std::string>&) {
+  std::fputs("tqble post: this build has no BlueZ support (configure with TQBLE_BLUEZ=ON)\n", stderr);
+  return 1;
+}
+
+#endif
 
 }  // namespace
 
@@ -251,7 +254,7 @@ int runPost(const std::vector<std::string>& args) {
   try {
     return servePost(args);
   } catch (const UsageError& e) {
-    std::fprintf(stderr, "tqble post: %s\n%s", e.what(), kPostUsage);
+    std::fprintf(stderr, "tqble post: %s (see 'tqble post --help')\n", e.what());
     return 2;
   }
 }

@@ -53,6 +53,8 @@ TEST(CommandLineTool, PrintsTheExactFrameOrJsonLogsOnlyWhenAskedAndFailsWithOneL
        1, "",  // the count says two entries
        "tqble decode: the answer is too short for queryHistoryErrorLogListWithError: "
        "range {16, 8} out of bounds; length 16\n"},
+      {"post --state asleep", 2, "", "tqble post: unknown state 'asleep' (see 'tqble post --help')\n"},
+      {"post --late 1", 2, "", "tqble post: bad --late '1' (want INDEX:MS) (see 'tqble post --help')\n"},
   };
   // clang-format on
   for (const auto& [arguments, status, out, err] : cases) {
