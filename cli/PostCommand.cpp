@@ -111,18 +111,23 @@ void stamp(const char* what, const std::string& line) {
   std::fflush(stdout);
 }
 
-std::vector<std::int64_t> integers(const std::string& list, const std::string& what, int base = 10) {
-  std::vector<std::int64_t> out;
+// The comma-separated items of an option's value.
+std::vector<std::string> items(const std::string& list) {
+  std::vector<std::string> out;
   std::size_t at = 0;
   while (at <= list.size()) {
     const std::size_t comma = std::min(list.find(',', at), list.size());
-    const std::string item = list.substr(at, comma - at);
-    char* end = nullptr;
-    const long long v = std::strtoll(item.c_str(), &end, base);
-    if (item.empty() || *end != '\0' || v < 0) throw UsageError("bad " + what + " '" + item + "'");
-    out.push_back(v);
+    out.push_back(list.substr(at, comma - at));
     at = comma + 1;
   }
+  return out;
+}
+
+// Each item of `list` as a whole number in [min, max], named by `option` in errors.
+std::vector<std::int64_t> integers(const std::string& list, const std::string& option, std::int64_t min,
+                                   std::int64_t max) {
+  std::vector<std::int64_t> out;
+  for (const auto& item : items(list)) out.push_back(parseInteger(item, option, min, max));
   return out;
 }
 
@@ -163,25 +168,26 @@ int servePost(const std::vector<std::string>& args) {
       if (v == "all") {
         for (const auto& n : kNames) faults.refuse.insert(n.code);
       } else {
-        for (auto code : integers(v, "command code", 16)) faults.refuse.insert(static_cast<std::uint8_t>(code));
+        for (const auto& item : items(v)) {
+          const Bytes code = parseHex(item);
+          if (code.size() != 1) throw UsageError("--refuse takes one-byte command codes, not '" + item + "'");
+          faults.refuse.insert(code[0]);
+        }
       }
     } else if (a == "--split") {
-      for (auto n : integers(v, "piece size")) faults.chunkSizes.push_back(static_cast<std::size_t>(n));
+      for (auto n : integers(v, "--split", 1, 512)) faults.chunkSizes.push_back(static_cast<std::size_t>(n));
     } else if (a == "--lose") {
-      for (auto n : integers(v, "piece index")) faults.lostNotifications.insert(static_cast<std::size_t>(n));
+      for (auto n : integers(v, "--lose", 0, 1000)) faults.lostNotifications.insert(static_cast<std::size_t>(n));
     } else if (a == "--late") {
-      for (std::size_t at = 0; at <= v.size();) {
-        const std::size_t comma = std::min(v.find(',', at), v.size());
-        const std::string item = v.substr(at, comma - at);
+      for (const auto& item : items(v)) {
         const auto colon = item.find(':');
         if (colon == std::string::npos) throw UsageError("bad --late '" + item + "' (want INDEX:MS)");
-        const auto index = integers(item.substr(0, colon), "piece index").at(0);
-        const auto ms = integers(item.substr(colon + 1), "delay").at(0);
-        faults.lateNotifications[static_cast<std::size_t>(index)] = std::chrono::milliseconds(ms);
-        at = comma + 1;
+        const auto index = static_cast<std::size_t>(parseInteger(item.substr(0, colon), "--late", 0, 1000));
+        faults.lateNotifications[index] =
+            std::chrono::milliseconds(parseInteger(item.substr(colon + 1), "--late", 0, 600000));
       }
     } else if (a == "--drop-after") {
-      faults.dropLinkAfterNotifications = static_cast<std::size_t>(integers(v, "piece count").at(0));
+      faults.dropLinkAfterNotifications = static_cast<std::size_t>(parseInteger(v, "--drop-after", 0, 1000));
     } else {
       throw UsageError("unknown option '" + a + "'");
     }

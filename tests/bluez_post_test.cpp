@@ -126,6 +126,20 @@ TEST_F(PostServerTest, RegistersAGattApplicationWithTheChargerServiceAndAnAdvert
                                       "UnregisterApplication /tqble/post"}));
 }
 
+TEST_F(PostServerTest, RegistersAgainOnceARestartedBluetoothdOffersItsAdvertisingManager) {
+  auto root = daemon->exportObjectManager("/");
+  root->finish();
+  auto server = start();
+  daemon->releaseName("org.bluez");
+  daemon->requestName("org.bluez");
+  MainQueue::main().runFor(100ms);
+  EXPECT_EQ(calls.size(), 2u);  // the name alone is too early: the managers come later
+  adapter->emitAdded();
+  ASSERT_TRUE(MainQueue::main().runUntil([&] { return calls.size() == 4; }, 2s));
+  EXPECT_EQ(std::vector<std::string>(calls.begin() + 2, calls.end()),
+            (std::vector<std::string>{"RegisterApplication /tqble/post", "RegisterAdvertisement /tqble/advertisement0"}));
+}
+
 struct PieceCase {
   const char* what;
   sim::Faults faults;
@@ -142,10 +156,10 @@ TEST_F(PostServerTest, NotifiesEachAnswerInThePiecesTheSimulatorCutsWithItsFault
   dropped.dropLinkAfterNotifications = 2;
   refused.refuse = {0xB2};
   const PieceCase cases[] = {
-      {"twenty-byte pieces", {}, kSystemInfoRequest, {20, 20, 20, 7}},
-      {"other splits", split, kSystemInfoRequest, {8, 12, 20, 20, 7}},
-      {"a lost piece", lost, kSystemInfoRequest, {20, 20, 7}},
-      {"a link dropped mid-answer", dropped, kSystemInfoRequest, {20, 20}, true},
+      {"twenty-byte pieces", {}, kSystemInfoRequest, {20, 20, 20, 7}, false, {}},
+      {"other splits", split, kSystemInfoRequest, {8, 12, 20, 20, 7}, false, {}},
+      {"a lost piece", lost, kSystemInfoRequest, {20, 20, 7}, false, {}},
+      {"a link dropped mid-answer", dropped, kSystemInfoRequest, {20, 20}, true, {}},
       {"an accepted setting", {}, kVolumeRequest, {9}, false, 0x00},
       {"a refusal", refused, kVolumeRequest, {9}, false, 0x01},
   };
@@ -165,7 +179,9 @@ TEST_F(PostServerTest, NotifiesEachAnswerInThePiecesTheSimulatorCutsWithItsFault
       EXPECT_EQ(joined, Bytes(answer.begin(), answer.begin() + static_cast<std::ptrdiff_t>(joined.size())));
     }
     EXPECT_EQ(calls.back() == "Disconnect", c.linkDropped);
-    if (c.ack) EXPECT_EQ(pieces.at(0).back(), *c.ack);
+    if (c.ack) {
+      EXPECT_EQ(pieces.at(0).back(), *c.ack);
+    }
     bool stopped = false;
     server->stop([&] { stopped = true; });
     MainQueue::main().runUntil([&] { return stopped; }, 2s);

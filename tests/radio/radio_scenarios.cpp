@@ -22,6 +22,7 @@
 #include "tqble/AnswerDecoding.h"
 #include "tqble/BLESDKConst.h"
 #include "tqble/TQBleManager.h"
+#include "tqble/ZDataCoverTool.h"
 #include "tqble/platform/Log.h"
 #include "tqble/platform/MainQueue.h"
 #include "tqble/sim/SimRadio.h"
@@ -94,17 +95,19 @@ class App {
     poweredOn();
     const auto start = std::chrono::steady_clock::now();
     post.reset();
-    // The emulated controllers can lose the first reports of a scan for good, until the
-    // scanner starts over; a new scan every few seconds keeps the wait short.
-    for (int attempt = 0; attempt < 6 && !post; ++attempt) {
+    // The emulated scanner reports an advertiser once per scan, and when that report comes
+    // before the kernel counts the scan as started it is dropped: the post stays unheard for
+    // the whole scan. A new scan every few seconds (off the 1.28 s advertising beat) keeps
+    // the wait short.
+    for (int attempt = 0; attempt < 20 && !post; ++attempt) {
       manager->scanForPeripherals();
-      MainQueue::main().runUntil([this] { return post != nullptr; }, 8s);
+      MainQueue::main().runUntil([this] { return post != nullptr; }, 2900ms);
       manager->stopScan();
     }
     if (!post) {
       std::string seen;
       for (const auto& h : heard) seen += " " + h;
-      throw Failure("no advertisement of " + postName() + " in 48 s; heard:" + (seen.empty() ? " nothing" : seen));
+      throw Failure("no advertisement of " + postName() + " in 58 s; heard:" + (seen.empty() ? " nothing" : seen));
     }
     return since(start);
   }
@@ -159,13 +162,6 @@ class App {
  private:
   std::shared_ptr<TQBleManagerDelegate> delegate_;
 };
-
-std::string hex(const Bytes& b) {
-  std::string s;
-  char two[4];
-  for (auto v : b) std::snprintf(two, sizeof two, "%02X", v), s += two;
-  return s;
-}
 
 void expect(bool ok, const std::string& what) {
   if (!ok) throw Failure(what);
@@ -228,7 +224,7 @@ std::string result(App& app, const Bytes&) {
 
 std::string chargerState(App& app, const Bytes& answer) {
   const auto& model = app.models.back();
-  expect(model && model->chargingData, "no charging data reached the delegate (" + hex(answer) + ")");
+  expect(model && model->chargingData, "no charging data reached the delegate (" + ZDataCoverTool::coverFromDataToHexStr(answer) + ")");
   return "gun " + model->chargingData->gunStatus.value_or("-") + ", " + std::to_string(answer.size()) + " bytes";
 }
 

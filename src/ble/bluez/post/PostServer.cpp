@@ -118,19 +118,25 @@ void PostServer::exportObjects() {
 void PostServer::start(std::function<void(std::optional<std::string> error)> done) {
   exportObjects();
   std::weak_ptr<PostServer> weak = weak_from_this();
-  // bluetoothd forgets both registrations when it stops: register again when it is back.
+  // bluetoothd forgets both registrations when it stops; once it is back, its adapter
+  // offers the advertising manager only some time after taking the bus name.
   daemonOwner_ = bus_->subscribe(
       "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='org.bluez'", "sss",
       [weak](const BusSignal& signal) {
         auto self = weak.lock();
-        if (!self || signal.args.size() < 3) return;
-        const auto* owner = signal.args[2].as<std::string>();
-        if (!owner || owner->empty()) {
-          self->registered_ = false;
-          self->notifying_ = false;
-          self->say("bluetoothd stopped; waiting for it to come back");
-          return;
-        }
+        const auto* owner = signal.args.size() > 2 ? signal.args[2].as<std::string>() : nullptr;
+        if (!self || !owner || !owner->empty()) return;
+        self->registered_ = false;
+        self->notifying_ = false;
+        self->say("bluetoothd stopped; waiting for it to come back");
+      });
+  adapterBack_ = bus_->subscribe(
+      "type='signal',sender='org.bluez',interface='org.freedesktop.DBus.ObjectManager',member='InterfacesAdded'",
+      "oa{sa{sv}}", [weak](const BusSignal& signal) {
+        auto self = weak.lock();
+        if (!self || self->registered_ || signal.args.size() < 2) return;
+        const auto* path = signal.args[0].as<std::string>();
+        if (!path || *path != self->adapterPath_ || !signal.args[1].at("org.bluez.LEAdvertisingManager1")) return;
         self->registerWithDaemon([weak](std::optional<std::string> error) {
           if (auto again = weak.lock(); again && error) again->say("registration failed: " + *error);
         });
@@ -176,6 +182,7 @@ void PostServer::registerWithDaemon(std::function<void(std::optional<std::string
 
 void PostServer::stop(std::function<void()> done) {
   daemonOwner_ = {};
+  adapterBack_ = {};
   links_ = {};
   if (!registered_) return done();
   registered_ = false;

@@ -66,7 +66,7 @@ class PostServer : public std::enable_shared_from_this<PostServer> {
   std::string adapterPath_;
   sim::VirtualPost post_;
   std::unique_ptr<BusObject> application_, service_, write_, read_, advertisement_;
-  BusSubscription daemonOwner_, links_;
+  BusSubscription daemonOwner_, adapterBack_, links_;
   bool notifying_ = false;
   bool registered_ = false;
   std::string lastWriter_;  ///< the device object of the central that wrote last
