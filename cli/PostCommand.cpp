@@ -63,7 +63,9 @@ const char* commandName(const Bytes& frame) {
   return "(unknown command)";
 }
 
-const char* text(const OptionalText& t) { return t ? t->c_str() : "-"; }
+const char* text(const OptionalText& t) {
+  return t ? t->c_str() : "-";
+}
 
 // One line saying what the application will make of `answer`.
 std::string describe(const Bytes& answer) {
@@ -71,13 +73,15 @@ std::string describe(const Bytes& answer) {
   char line[512];
   switch (findCommand(commandName(answer)).answer) {
     case AnswerKind::Result:
-      return decode::setResult(answer).resultType == TQSetCmdSuccess ? "result: success" : "result: failure";
+      return decode::setResult(answer).resultType == TQSetCmdSuccess ? "result: success"
+                                                                     : "result: failure";
     case AnswerKind::ChargerState: {
       const auto s = decode::chargerState(answer);
-      std::snprintf(line, sizeof line, "gun %s, %lld Wh, %lld V, %lld A, %lld s%s%s", text(s.gunStatus),
-                    static_cast<long long>(s.elecQuantity), static_cast<long long>(s.voltage),
-                    static_cast<long long>(s.electric), static_cast<long long>(s.duration),
-                    s.failureReason ? ", fault: " : "", s.failureReason ? s.failureReason->c_str() : "");
+      std::snprintf(line, sizeof line, "gun %s, %lld Wh, %lld V, %lld A, %lld s%s%s",
+                    text(s.gunStatus), static_cast<long long>(s.elecQuantity),
+                    static_cast<long long>(s.voltage), static_cast<long long>(s.electric),
+                    static_cast<long long>(s.duration), s.failureReason ? ", fault: " : "",
+                    s.failureReason ? s.failureReason->c_str() : "");
       return line;
     }
     case AnswerKind::SystemInfo: {
@@ -89,14 +93,16 @@ std::string describe(const Bytes& answer) {
     case AnswerKind::History:
       return std::to_string(decode::chargingHistory(answer).size()) + " charging sessions";
     case AnswerKind::Energy:
-      return answer.size() < 12 ? "" : std::to_string(decode::cumulativeEnergy(answer)) + " Wh delivered in all";
+      return answer.size() < 12
+                 ? ""
+                 : std::to_string(decode::cumulativeEnergy(answer)) + " Wh delivered in all";
     case AnswerKind::ErrorLog:
       return std::to_string(decode::errorLog(answer).size()) + " errors logged";
     case AnswerKind::Diagnosis: {
       if (answer.size() < 54) return "(too short for diagnostics)";
       const auto d = decode::runningDiagnosis(answer);
-      std::snprintf(line, sizeof line, "state %s, errors %s, firmware %s", text(d.chargeState), text(d.errorInfo),
-                    text(d.versionNum));
+      std::snprintf(line, sizeof line, "state %s, errors %s, firmware %s", text(d.chargeState),
+                    text(d.errorInfo), text(d.versionNum));
       return line;
     }
   }
@@ -124,8 +130,8 @@ std::vector<std::string> items(const std::string& list) {
 }
 
 // Each item of `list` as a whole number in [min, max], named by `option` in errors.
-std::vector<std::int64_t> integers(const std::string& list, const std::string& option, std::int64_t min,
-                                   std::int64_t max) {
+std::vector<std::int64_t> integers(const std::string& list, const std::string& option,
+                                   std::int64_t min, std::int64_t max) {
   std::vector<std::int64_t> out;
   for (const auto& item : items(list)) out.push_back(parseInteger(item, option, min, max));
   return out;
@@ -153,7 +159,8 @@ int servePost(const std::vector<std::string>& args) {
       faults.mute = true;
       continue;
     }
-    if (i + 1 >= args.size()) throw UsageError(a.starts_with("--") ? a + " needs a value" : "unexpected '" + a + "'");
+    if (i + 1 >= args.size())
+      throw UsageError(a.starts_with("--") ? a + " needs a value" : "unexpected '" + a + "'");
     const std::string& v = args[++i];
     if (a == "--adapter") {
       options.adapter = v;
@@ -170,24 +177,30 @@ int servePost(const std::vector<std::string>& args) {
       } else {
         for (const auto& item : items(v)) {
           const Bytes code = parseHex(item);
-          if (code.size() != 1) throw UsageError("--refuse takes one-byte command codes, not '" + item + "'");
+          if (code.size() != 1)
+            throw UsageError("--refuse takes one-byte command codes, not '" + item + "'");
           faults.refuse.insert(code[0]);
         }
       }
     } else if (a == "--split") {
-      for (auto n : integers(v, "--split", 1, 512)) faults.chunkSizes.push_back(static_cast<std::size_t>(n));
+      for (auto n : integers(v, "--split", 1, 512))
+        faults.chunkSizes.push_back(static_cast<std::size_t>(n));
     } else if (a == "--lose") {
-      for (auto n : integers(v, "--lose", 0, 1000)) faults.lostNotifications.insert(static_cast<std::size_t>(n));
+      for (auto n : integers(v, "--lose", 0, 1000))
+        faults.lostNotifications.insert(static_cast<std::size_t>(n));
     } else if (a == "--late") {
       for (const auto& item : items(v)) {
         const auto colon = item.find(':');
-        if (colon == std::string::npos) throw UsageError("bad --late '" + item + "' (want INDEX:MS)");
-        const auto index = static_cast<std::size_t>(parseInteger(item.substr(0, colon), "--late", 0, 1000));
+        if (colon == std::string::npos)
+          throw UsageError("bad --late '" + item + "' (want INDEX:MS)");
+        const auto index =
+            static_cast<std::size_t>(parseInteger(item.substr(0, colon), "--late", 0, 1000));
         faults.lateNotifications[index] =
             std::chrono::milliseconds(parseInteger(item.substr(colon + 1), "--late", 0, 600000));
       }
     } else if (a == "--drop-after") {
-      faults.dropLinkAfterNotifications = static_cast<std::size_t>(parseInteger(v, "--drop-after", 0, 1000));
+      faults.dropLinkAfterNotifications =
+          static_cast<std::size_t>(parseInteger(v, "--drop-after", 0, 1000));
     } else {
       throw UsageError("unknown option '" + a + "'");
     }
@@ -206,7 +219,8 @@ int servePost(const std::vector<std::string>& args) {
   bluez::PostEvents events;
   events.status = [](const std::string& line) { stamp("post", line); };
   events.request = [](const Bytes& write, const std::string& type) {
-    stamp("request", std::string(commandName(write)) + (type.empty() ? "" : " (" + type + ")") + ": " + spacedHex(write));
+    stamp("request", std::string(commandName(write)) + (type.empty() ? "" : " (" + type + ")") +
+                         ": " + spacedHex(write));
   };
   events.answer = [](const Bytes& answer) {
     stamp("answer", spacedHex(answer));
@@ -248,7 +262,8 @@ int servePost(const std::vector<std::string>& args) {
 #else
 
 int servePost(const std::vector<std::string>&) {
-  std::fputs("tqble post: this build has no BlueZ support (configure with TQBLE_BLUEZ=ON)\n", stderr);
+  std::fputs("tqble post: this build has no BlueZ support (configure with TQBLE_BLUEZ=ON)\n",
+             stderr);
   return 1;
 }
 

@@ -40,9 +40,12 @@ class PostServerTest : public ::testing::Test {
   void TearDown() override { MainQueue::main().clear(); }
 
   void record(BusObject& object, const std::string& interface, const std::string& method) {
-    const std::string in = method.starts_with("Register") ? "oa{sv}" : method == "Disconnect" ? "" : "o";
+    const std::string in = method.starts_with("Register") ? "oa{sv}"
+                           : method == "Disconnect"       ? ""
+                                                          : "o";
     object.addMethod(interface, method, in, "", [this, method](const BusCall& call) {
-      calls.push_back(method + (call.args().empty() ? "" : " " + *call.args()[0].as<std::string>()));
+      calls.push_back(method +
+                      (call.args().empty() ? "" : " " + *call.args()[0].as<std::string>()));
       sender = call.sender();
       call.reply();
     });
@@ -63,16 +66,17 @@ class PostServerTest : public ::testing::Test {
   // As bluetoothd for a connected central: notifications on, one write, the pieces seen.
   std::vector<Bytes> exchange(const Bytes& request) {
     std::vector<Bytes> pieces;
-    auto values = daemon->subscribe("type='signal',interface='org.freedesktop.DBus.Properties',"
-                                    "member='PropertiesChanged',path='/tqble/post/service0/char1'",
-                                    "sa{sv}as", [&](const BusSignal& s) {
-                                      if (const BusValue* v = s.args[1].at("Value")) pieces.push_back(*v->as<Bytes>());
-                                    });
+    auto values = daemon->subscribe(
+        "type='signal',interface='org.freedesktop.DBus.Properties',"
+        "member='PropertiesChanged',path='/tqble/post/service0/char1'",
+        "sa{sv}as", [&](const BusSignal& s) {
+          if (const BusValue* v = s.args[1].at("Value")) pieces.push_back(*v->as<Bytes>());
+        });
     bool done = false;
     daemon->call(sender, "/tqble/post/service0/char1", kChrc, "StartNotify", {}, 2s);
     daemon->call(sender, "/tqble/post/service0/char0", kChrc, "WriteValue",
-                 {BusValue(request), BusValue(BusDict{{"device", BusValue::path(kDevice)}})}, 2s, "",
-                 [&](const BusReply& r) { done = !r.error; });
+                 {BusValue(request), BusValue(BusDict{{"device", BusValue::path(kDevice)}})}, 2s,
+                 "", [&](const BusReply& r) { done = !r.error; });
     EXPECT_TRUE(MainQueue::main().runUntil([&] { return done; }, 2s));
     MainQueue::main().runFor(200ms);
     return pieces;
@@ -91,15 +95,17 @@ class PostServerTest : public ::testing::Test {
   std::string sender;
 };
 
-TEST_F(PostServerTest, RegistersAGattApplicationWithTheChargerServiceAndAnAdvertisementUnderItsName) {
+TEST_F(PostServerTest,
+       RegistersAGattApplicationWithTheChargerServiceAndAnAdvertisementUnderItsName) {
   auto server = start();
   EXPECT_EQ(calls, (std::vector<std::string>{"RegisterApplication /tqble/post",
                                              "RegisterAdvertisement /tqble/advertisement0"}));
   std::optional<BusReply> tree, advert;
-  daemon->call(sender, "/tqble/post", "org.freedesktop.DBus.ObjectManager", "GetManagedObjects", {}, 2s,
-               "a{oa{sa{sv}}}", [&](const BusReply& r) { tree = r; });
+  daemon->call(sender, "/tqble/post", "org.freedesktop.DBus.ObjectManager", "GetManagedObjects", {},
+               2s, "a{oa{sa{sv}}}", [&](const BusReply& r) { tree = r; });
   daemon->call(sender, "/tqble/advertisement0", "org.freedesktop.DBus.Properties", "GetAll",
-               {BusValue("org.bluez.LEAdvertisement1")}, 2s, "a{sv}", [&](const BusReply& r) { advert = r; });
+               {BusValue("org.bluez.LEAdvertisement1")}, 2s, "a{sv}",
+               [&](const BusReply& r) { advert = r; });
   ASSERT_TRUE(MainQueue::main().runUntil([&] { return tree && advert; }, 2s));
   const BusValue& objects = tree->values.at(0);
   auto property = [&](const char* path, const char* iface, const char* name) {
@@ -110,11 +116,14 @@ TEST_F(PostServerTest, RegistersAGattApplicationWithTheChargerServiceAndAnAdvert
   };
   EXPECT_EQ(property("/tqble/post/service0", "org.bluez.GattService1", "UUID"),
             BusValue("0000fff0-0000-1000-8000-00805f9b34fb"));
-  EXPECT_EQ(property("/tqble/post/service0/char0", kChrc, "UUID"), BusValue("0000fff3-0000-1000-8000-00805f9b34fb"));
+  EXPECT_EQ(property("/tqble/post/service0/char0", kChrc, "UUID"),
+            BusValue("0000fff3-0000-1000-8000-00805f9b34fb"));
   EXPECT_EQ(property("/tqble/post/service0/char0", kChrc, "Flags"),
             BusValue(std::vector<std::string>{"write", "write-without-response"}));
-  EXPECT_EQ(property("/tqble/post/service0/char1", kChrc, "UUID"), BusValue("0000fff4-0000-1000-8000-00805f9b34fb"));
-  EXPECT_EQ(property("/tqble/post/service0/char1", kChrc, "Flags"), BusValue(std::vector<std::string>{"read", "notify"}));
+  EXPECT_EQ(property("/tqble/post/service0/char1", kChrc, "UUID"),
+            BusValue("0000fff4-0000-1000-8000-00805f9b34fb"));
+  EXPECT_EQ(property("/tqble/post/service0/char1", kChrc, "Flags"),
+            BusValue(std::vector<std::string>{"read", "notify"}));
   EXPECT_EQ(*advert->values.at(0).at("LocalName"), BusValue("TQ-AC7-0042"));
   EXPECT_EQ(*advert->values.at(0).at("ServiceUUIDs"), BusValue(std::vector<std::string>{"FFF0"}));
 
@@ -137,7 +146,8 @@ TEST_F(PostServerTest, RegistersAgainOnceARestartedBluetoothdOffersItsAdvertisin
   adapter->emitAdded();
   ASSERT_TRUE(MainQueue::main().runUntil([&] { return calls.size() == 4; }, 2s));
   EXPECT_EQ(std::vector<std::string>(calls.begin() + 2, calls.end()),
-            (std::vector<std::string>{"RegisterApplication /tqble/post", "RegisterAdvertisement /tqble/advertisement0"}));
+            (std::vector<std::string>{"RegisterApplication /tqble/post",
+                                      "RegisterAdvertisement /tqble/advertisement0"}));
 }
 
 struct PieceCase {
@@ -176,7 +186,8 @@ TEST_F(PostServerTest, NotifiesEachAnswerInThePiecesTheSimulatorCutsWithItsFault
     for (const auto& p : pieces) joined.insert(joined.end(), p.begin(), p.end());
     const Bytes& answer = server->post().sentAnswers().at(0);
     if (c.faults.lostNotifications.empty()) {
-      EXPECT_EQ(joined, Bytes(answer.begin(), answer.begin() + static_cast<std::ptrdiff_t>(joined.size())));
+      EXPECT_EQ(joined,
+                Bytes(answer.begin(), answer.begin() + static_cast<std::ptrdiff_t>(joined.size())));
     }
     EXPECT_EQ(calls.back() == "Disconnect", c.linkDropped);
     if (c.ack) {

@@ -3,7 +3,8 @@
 // bluez backend on hci1 while `tqble post --state plugged` serves hci0; actions on the
 // radio from outside the SDK go through the command in RADIO_CTL. Also runs on the
 // simulator (TQBLE_BACKEND=sim), with one virtual post in range, for trying it out.
-// Usage: tqble_radio --list | tqble_radio SCENARIO   (exit 0: passed; the last line says what was seen)
+// Usage: tqble_radio --list | tqble_radio SCENARIO   (exit 0: passed; the last line says what was
+// seen)
 #include <grp.h>
 #include <unistd.h>
 
@@ -46,7 +47,8 @@ std::string postName() {
 void radioControl(const std::string& action) {
   const char* ctl = std::getenv("RADIO_CTL");
   if (!ctl) throw Failure("RADIO_CTL is not set: cannot " + action);
-  if (std::system((std::string(ctl) + " " + action).c_str()) != 0) throw Failure("'" + action + "' failed");
+  if (std::system((std::string(ctl) + " " + action).c_str()) != 0)
+    throw Failure("'" + action + "' failed");
 }
 
 double since(std::chrono::steady_clock::time_point start) {
@@ -61,33 +63,39 @@ class App {
     manager = TQBleManager::shareManager();
     delegate_ = std::make_shared<TQBleManagerDelegate>();
     delegate_->tqbleManagerCenterState = [this](std::int64_t s) { states.push_back(s); };
-    delegate_->didDiscoverPeripheral = [this](TQBleManager&, const PeripheralPtr& p, std::int64_t rssi) {
+    delegate_->didDiscoverPeripheral = [this](TQBleManager&, const PeripheralPtr& p,
+                                              std::int64_t rssi) {
       heard.insert(p->identifier() + " \"" + p->name() + "\"");
       if (p->name() == postName() && !post) post = p, rssi_ = rssi;
     };
     delegate_->didConnectPeripheral = [this](TQBleManager&, const PeripheralPtr&) { ++connects; };
-    delegate_->didDisconnectPeripheral = [this](TQBleManager&, const PeripheralPtr&, const std::optional<TQError>& e) {
+    delegate_->didDisconnectPeripheral = [this](TQBleManager&, const PeripheralPtr&,
+                                                const std::optional<TQError>& e) {
       disconnects.push_back(e);
     };
-    delegate_->didFailToConnectPeripheral = [this](TQBleManager&, const PeripheralPtr&, const std::optional<TQError>& e) {
+    delegate_->didFailToConnectPeripheral = [this](TQBleManager&, const PeripheralPtr&,
+                                                   const std::optional<TQError>& e) {
       failures.push_back(e ? e->domain : "(no error)");
     };
     delegate_->didUpdateValueForCharacteristicValue =
-        [this](TQBleManager&, const std::shared_ptr<TQBleDataModel>& model, const std::optional<TQError>&) {
-          models.push_back(model);
-        };
+        [this](TQBleManager&, const std::shared_ptr<TQBleDataModel>& model,
+               const std::optional<TQError>&) { models.push_back(model); };
     manager->setDelegate(delegate_);
-    manager->addAnswerObserver([this](std::int64_t cmdType, const Bytes& answer) { answers.push_back({cmdType, answer}); });
+    manager->addAnswerObserver([this](std::int64_t cmdType, const Bytes& answer) {
+      answers.push_back({cmdType, answer});
+    });
   }
 
-  static void waitFor(const std::function<bool()>& done, MainQueue::Duration limit, const std::string& what) {
+  static void waitFor(const std::function<bool()>& done, MainQueue::Duration limit,
+                      const std::string& what) {
     if (!MainQueue::main().runUntil(done, limit)) throw Failure("timed out waiting for " + what);
   }
 
   std::int64_t state() const { return states.empty() ? -1 : states.back(); }
 
   void poweredOn() {
-    waitFor([this] { return state() == ble::CentralManagerStatePoweredOn; }, 10s, "the adapter to be powered on");
+    waitFor([this] { return state() == ble::CentralManagerStatePoweredOn; }, 10s,
+            "the adapter to be powered on");
   }
 
   // Scans until the post is heard; returns seconds taken.
@@ -107,7 +115,8 @@ class App {
     if (!post) {
       std::string seen;
       for (const auto& h : heard) seen += " " + h;
-      throw Failure("no advertisement of " + postName() + " in 58 s; heard:" + (seen.empty() ? " nothing" : seen));
+      throw Failure("no advertisement of " + postName() +
+                    " in 58 s; heard:" + (seen.empty() ? " nothing" : seen));
     }
     return since(start);
   }
@@ -130,7 +139,8 @@ class App {
     const auto before = disconnects.size();
     manager->stopConnectPeripheral(manager->connectedPheral(), nullptr);
     waitFor([&] { return disconnects.size() > before; }, 10s, "the disconnection");
-    if (disconnects.back()) throw Failure("a requested disconnection reported: " + disconnects.back()->domain);
+    if (disconnects.back())
+      throw Failure("a requested disconnection reported: " + disconnects.back()->domain);
   }
 
   // Issues a command and waits for its whole answer and the delegate call after it.
@@ -171,8 +181,8 @@ void expect(bool ok, const std::string& what) {
 
 std::string scan(App& app) {
   const double took = app.scan();
-  return "heard " + postName() + " (" + app.post->identifier() + ", RSSI " + std::to_string(app.rssi_) +
-         ") after " + std::to_string(took).substr(0, 4) + " s";
+  return "heard " + postName() + " (" + app.post->identifier() + ", RSSI " +
+         std::to_string(app.rssi_) + ") after " + std::to_string(took).substr(0, 4) + " s";
 }
 
 std::string connect(App& app) {
@@ -187,13 +197,16 @@ std::string connect(App& app) {
 std::string discovery(App& app) {
   app.scan();
   app.connect();
-  expect(app.manager->writeCharacteristic()->uuid().UUIDString() == "FFF3", "write characteristic is not FFF3");
-  expect(app.manager->readCharacteristic()->uuid().UUIDString() == "FFF4", "read characteristic is not FFF4");
+  expect(app.manager->writeCharacteristic()->uuid().UUIDString() == "FFF3",
+         "write characteristic is not FFF3");
+  expect(app.manager->readCharacteristic()->uuid().UUIDString() == "FFF4",
+         "read characteristic is not FFF4");
   // The properties as bluetoothd reports the post's flags, in the manager's log order.
   App::waitFor([&] { return app.log.size() >= 4; }, 5s, "the property log lines");
   const std::vector<std::string> expected = {
-      "************ CBCharacteristicPropertyWriteWithoutResponse", "************ CBCharacteristicPropertyWrite",
-      "************ CBCharacteristicPropertyRead", "************ CBCharacteristicPropertyNotify"};
+      "************ CBCharacteristicPropertyWriteWithoutResponse",
+      "************ CBCharacteristicPropertyWrite", "************ CBCharacteristicPropertyRead",
+      "************ CBCharacteristicPropertyNotify"};
   std::vector<std::string> seen;
   for (const auto& line : app.log) {
     if (line.starts_with("************")) seen.push_back(line);
@@ -201,11 +214,13 @@ std::string discovery(App& app) {
   std::vector<std::string> sorted = seen, want = expected;
   std::sort(sorted.begin(), sorted.end());
   std::sort(want.begin(), want.end());
-  expect(sorted == want, "property log lines: " + std::to_string(seen.size()) + " lines, not the four expected");
+  expect(sorted == want,
+         "property log lines: " + std::to_string(seen.size()) + " lines, not the four expected");
   // The initial read of FFF4 reaches the delegate while nothing is pending.
   App::waitFor([&] { return !app.models.empty(); }, 5s, "the delegate call of the initial read");
   app.disconnect();
-  return "FFF0 with FFF3 (write, write without response) and FFF4 (read, notify); initial read delivered";
+  return "FFF0 with FFF3 (write, write without response) and FFF4 (read, notify); initial read "
+         "delivered";
 }
 
 struct CommandCase {
@@ -224,49 +239,63 @@ std::string result(App& app, const Bytes&) {
 
 std::string chargerState(App& app, const Bytes& answer) {
   const auto& model = app.models.back();
-  expect(model && model->chargingData, "no charging data reached the delegate (" + ZDataCoverTool::coverFromDataToHexStr(answer) + ")");
-  return "gun " + model->chargingData->gunStatus.value_or("-") + ", " + std::to_string(answer.size()) + " bytes";
+  expect(model && model->chargingData, "no charging data reached the delegate (" +
+                                           ZDataCoverTool::coverFromDataToHexStr(answer) + ")");
+  return "gun " + model->chargingData->gunStatus.value_or("-") + ", " +
+         std::to_string(answer.size()) + " bytes";
 }
 
 std::string commands(App& app) {
   app.scan();
   app.connect();
   // The manager asks for the system information by itself, 3 s after connecting.
-  App::waitFor([&] { return app.manager->systemInfoModelList().size() == 10; }, 8s, "the automatic system information");
+  App::waitFor([&] { return app.manager->systemInfoModelList().size() == 10; }, 8s,
+               "the automatic system information");
   std::vector<CommandCase> cases = {
       {"synchroTimeWithError", 1, [](TQBleManager& m) { m.synchroTimeWithError(nullptr); }, result},
       {"querySystemInfoWithError", 2, [](TQBleManager& m) { m.querySystemInfoWithError(nullptr); },
        [](App& a, const Bytes& answer) {
-         expect(answer.size() == 67, "system information of " + std::to_string(answer.size()) + " bytes");
+         expect(answer.size() == 67,
+                "system information of " + std::to_string(answer.size()) + " bytes");
          // The list grows by the same ten rows with every answer: the automatic one came first.
-         expect(a.manager->systemInfoModelList().size() == 20, "not twenty system-information rows");
+         expect(a.manager->systemInfoModelList().size() == 20,
+                "not twenty system-information rows");
          return "ten rows again, post " + decode::systemInfo(answer)[0];
        }},
-      {"setVolumeWithVolumeSize", 3, [](TQBleManager& m) { m.setVolumeWithVolumeSize(35, nullptr); }, result},
-      {"orderChargerWithStartHour", 4, [](TQBleManager& m) { m.orderChargerWithStartHour(22, 30, 6, 0, nullptr); },
+      {"setVolumeWithVolumeSize", 3,
+       [](TQBleManager& m) { m.setVolumeWithVolumeSize(35, nullptr); }, result},
+      {"orderChargerWithStartHour", 4,
+       [](TQBleManager& m) { m.orderChargerWithStartHour(22, 30, 6, 0, nullptr); }, result},
+      {"startChargingWithError", 5, [](TQBleManager& m) { m.startChargingWithError(nullptr); },
        result},
-      {"startChargingWithError", 5, [](TQBleManager& m) { m.startChargingWithError(nullptr); }, result},
-      {"queryChargerStateWithError", 6, [](TQBleManager& m) { m.queryChargerStateWithError(nullptr); }, chargerState},
-      {"queryChargingDataWithError", 6, [](TQBleManager& m) { m.queryChargingDataWithError(nullptr); }, chargerState},
+      {"queryChargerStateWithError", 6,
+       [](TQBleManager& m) { m.queryChargerStateWithError(nullptr); }, chargerState},
+      {"queryChargingDataWithError", 6,
+       [](TQBleManager& m) { m.queryChargingDataWithError(nullptr); }, chargerState},
       {"stopChargeWithError", 7, [](TQBleManager& m) { m.stopChargeWithError(nullptr); }, result},
-      {"queryHistoryChargingListWithError", 8, [](TQBleManager& m) { m.queryHistoryChargingListWithError(nullptr); },
+      {"queryHistoryChargingListWithError", 8,
+       [](TQBleManager& m) { m.queryHistoryChargingListWithError(nullptr); },
        [](App&, const Bytes& answer) {
          const auto sessions = decode::chargingHistory(answer);
          expect(!sessions.empty(), "no charging session in the history after one was stopped");
-         return std::to_string(sessions.size()) + " sessions in " + std::to_string(answer.size()) + " bytes";
+         return std::to_string(sessions.size()) + " sessions in " + std::to_string(answer.size()) +
+                " bytes";
        }},
       {"queryCumulationElecQuantityWithError", 9,
        [](TQBleManager& m) { m.queryCumulationElecQuantityWithError(nullptr); },
        [](App&, const Bytes& answer) {
-         expect(answer.size() == 13, "energy answer of " + std::to_string(answer.size()) + " bytes");
+         expect(answer.size() == 13,
+                "energy answer of " + std::to_string(answer.size()) + " bytes");
          return std::to_string(decode::cumulativeEnergy(answer)) + " Wh";
        }},
-      {"queryHistoryErrorLogListWithError", 15, [](TQBleManager& m) { m.queryHistoryErrorLogListWithError(nullptr); },
+      {"queryHistoryErrorLogListWithError", 15,
+       [](TQBleManager& m) { m.queryHistoryErrorLogListWithError(nullptr); },
        [](App&, const Bytes& answer) {
-         return std::to_string(decode::errorLog(answer).size()) + " errors in " + std::to_string(answer.size()) +
-                " bytes";
+         return std::to_string(decode::errorLog(answer).size()) + " errors in " +
+                std::to_string(answer.size()) + " bytes";
        }},
-      {"runningDiagnosticInfoWithError", 13, [](TQBleManager& m) { m.runningDiagnosticInfoWithError(nullptr); },
+      {"runningDiagnosticInfoWithError", 13,
+       [](TQBleManager& m) { m.runningDiagnosticInfoWithError(nullptr); },
        [](App&, const Bytes& answer) {
          expect(answer.size() == 66, "diagnostics of " + std::to_string(answer.size()) + " bytes");
          return "firmware " + decode::runningDiagnosis(answer).versionNum.value_or("-");
@@ -288,7 +317,8 @@ std::string reconnect(App& app) {
   app.disconnect();
   // The daemon keeps the device and its attributes: the second link needs no scan.
   const double second = app.connect();
-  const Bytes answer = app.exchange([](TQBleManager& m) { m.queryChargerStateWithError(nullptr); }, 6);
+  const Bytes answer =
+      app.exchange([](TQBleManager& m) { m.queryChargerStateWithError(nullptr); }, 6);
   chargerState(app, answer);
   app.disconnect();
   return "first link ready in " + std::to_string(first).substr(0, 4) + " s, second (cached) in " +
@@ -309,7 +339,8 @@ std::string powerOff(App& app) {
   app.scan();
   app.connect();
   radioControl("power-off");
-  App::waitFor([&] { return app.state() == ble::CentralManagerStatePoweredOff; }, 10s, "the powered-off state");
+  App::waitFor([&] { return app.state() == ble::CentralManagerStatePoweredOff; }, 10s,
+               "the powered-off state");
   const std::size_t lossesWhileOff = app.disconnects.size();
   radioControl("power-on");
   app.poweredOn();
@@ -318,17 +349,22 @@ std::string powerOff(App& app) {
   app.connect();
   app.exchange([](TQBleManager& m) { m.queryChargerStateWithError(nullptr); }, 6);
   app.disconnect();
-  return "powered off and on; " + std::to_string(lossesWhileOff) + " link loss reported; served again after";
+  return "powered off and on; " + std::to_string(lossesWhileOff) +
+         " link loss reported; served again after";
 }
 
 std::string daemonRestart(App& app) {
   app.scan();
   app.connect();
   radioControl("restart-bluetoothd");
-  App::waitFor([&] {
-    for (auto s : app.states) if (s == ble::CentralManagerStateResetting || s == ble::CentralManagerStateUnsupported) return true;
-    return false;
-  }, 15s, "the daemon's absence to be reported");
+  App::waitFor(
+      [&] {
+        for (auto s : app.states)
+          if (s == ble::CentralManagerStateResetting || s == ble::CentralManagerStateUnsupported)
+            return true;
+        return false;
+      },
+      15s, "the daemon's absence to be reported");
   app.poweredOn();
   app.scan();
   app.connect();
@@ -353,21 +389,16 @@ struct Scenario {
 };
 
 const Scenario kScenarios[] = {
-    {"scan", scan},
-    {"connect", connect},
-    {"discovery", discovery},
-    {"commands", commands},
-    {"reconnect", reconnect},
-    {"link-loss", linkLoss},
-    {"power-off", powerOff},
-    {"unprivileged", unprivileged},
-    {"daemon-restart", daemonRestart},
+    {"scan", scan},          {"connect", connect},           {"discovery", discovery},
+    {"commands", commands},  {"reconnect", reconnect},       {"link-loss", linkLoss},
+    {"power-off", powerOff}, {"unprivileged", unprivileged}, {"daemon-restart", daemonRestart},
 };
 
 // Leaves root before any thread starts: the rest of the run is an ordinary user's.
 void becomeNobody() {
   if (getuid() != 0) return;
-  if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0) throw Failure("cannot become uid 65534");
+  if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0)
+    throw Failure("cannot become uid 65534");
 }
 
 }  // namespace
@@ -386,7 +417,8 @@ int main(int argc, char** argv) {
     if (name != s.name) continue;
     try {
       if (name == "unprivileged") becomeNobody();
-      if (const char* backend = std::getenv("TQBLE_BACKEND"); backend && std::string(backend) == "sim") {
+      if (const char* backend = std::getenv("TQBLE_BACKEND");
+          backend && std::string(backend) == "sim") {
         sim::PostSetup setup;
         setup.name = postName();
         sim::SimRadio::shared().addPost(setup)->model().plugIn();

@@ -34,8 +34,10 @@ std::string text(const BusReply& reply) {
 
 }  // namespace
 
-std::shared_ptr<PostServer> PostServer::make(std::shared_ptr<Bus> bus, PostOptions options, PostEvents events) {
-  return std::shared_ptr<PostServer>(new PostServer(std::move(bus), std::move(options), std::move(events)));
+std::shared_ptr<PostServer> PostServer::make(std::shared_ptr<Bus> bus, PostOptions options,
+                                             PostEvents events) {
+  return std::shared_ptr<PostServer>(
+      new PostServer(std::move(bus), std::move(options), std::move(events)));
 }
 
 PostServer::PostServer(std::shared_ptr<Bus> bus, PostOptions options, PostEvents events)
@@ -55,8 +57,10 @@ void PostServer::exportObjects() {
   std::weak_ptr<PostServer> weak = weak_from_this();
   auto with = [weak](auto member) {
     return [weak, member](const BusCall& call) {
-      if (auto self = weak.lock()) member(*self, call);
-      else call.fail("org.bluez.Error.Failed", "The post has stopped");
+      if (auto self = weak.lock())
+        member(*self, call);
+      else
+        call.fail("org.bluez.Error.Failed", "The post has stopped");
     };
   };
 
@@ -108,7 +112,8 @@ void PostServer::exportObjects() {
   advertisement_ = bus_->exportObject(kAdvertisementPath);
   advertisement_->addProperty(kAdvertisementInterface, "Type", "peripheral");
   // The short form keeps the name inside the 31 bytes of an advertisement.
-  advertisement_->addProperty(kAdvertisementInterface, "ServiceUUIDs", std::vector<std::string>{"FFF0"});
+  advertisement_->addProperty(kAdvertisementInterface, "ServiceUUIDs",
+                              std::vector<std::string>{"FFF0"});
   advertisement_->addProperty(kAdvertisementInterface, "LocalName", post_.name());
   advertisement_->addMethod(kAdvertisementInterface, "Release", "", "",
                             [](const BusCall& call) { call.reply(); });
@@ -121,8 +126,8 @@ void PostServer::start(std::function<void(std::optional<std::string> error)> don
   // bluetoothd forgets both registrations when it stops; once it is back, its adapter
   // offers the advertising manager only some time after taking the bus name.
   daemonOwner_ = bus_->subscribe(
-      "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='org.bluez'", "sss",
-      [weak](const BusSignal& signal) {
+      "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='org.bluez'",
+      "sss", [weak](const BusSignal& signal) {
         auto self = weak.lock();
         const auto* owner = signal.args.size() > 2 ? signal.args[2].as<std::string>() : nullptr;
         if (!self || !owner || !owner->empty()) return;
@@ -131,53 +136,62 @@ void PostServer::start(std::function<void(std::optional<std::string> error)> don
         self->say("bluetoothd stopped; waiting for it to come back");
       });
   adapterBack_ = bus_->subscribe(
-      "type='signal',sender='org.bluez',interface='org.freedesktop.DBus.ObjectManager',member='InterfacesAdded'",
+      "type='signal',sender='org.bluez',interface='org.freedesktop.DBus.ObjectManager',member='"
+      "InterfacesAdded'",
       "oa{sa{sv}}", [weak](const BusSignal& signal) {
         auto self = weak.lock();
         if (!self || self->registered_ || signal.args.size() < 2) return;
         const auto* path = signal.args[0].as<std::string>();
-        if (!path || *path != self->adapterPath_ || !signal.args[1].at("org.bluez.LEAdvertisingManager1")) return;
+        if (!path || *path != self->adapterPath_ ||
+            !signal.args[1].at("org.bluez.LEAdvertisingManager1"))
+          return;
         self->registerWithDaemon([weak](std::optional<std::string> error) {
-          if (auto again = weak.lock(); again && error) again->say("registration failed: " + *error);
+          if (auto again = weak.lock(); again && error)
+            again->say("registration failed: " + *error);
         });
       });
-  links_ = bus_->subscribe("type='signal',sender='org.bluez',interface='org.freedesktop.DBus.Properties',"
-                           "member='PropertiesChanged',path_namespace='" + adapterPath_ + "'",
-                           "sa{sv}as", [weak](const BusSignal& signal) {
-                             auto self = weak.lock();
-                             if (!self || signal.args.size() < 2) return;
-                             const auto* iface = signal.args[0].as<std::string>();
-                             const BusValue* connected = signal.args[1].at("Connected");
-                             if (!iface || *iface != "org.bluez.Device1" || !connected) return;
-                             const bool* up = connected->as<bool>();
-                             if (!up) return;
-                             self->say(std::string(*up ? "central connected: " : "central disconnected: ") +
-                                       signal.path.substr(signal.path.rfind('/') + 1));
-                             if (!*up && signal.path == self->lastWriter_) self->notifying_ = false;
-                           });
+  links_ = bus_->subscribe(
+      "type='signal',sender='org.bluez',interface='org.freedesktop.DBus.Properties',"
+      "member='PropertiesChanged',path_namespace='" +
+          adapterPath_ + "'",
+      "sa{sv}as", [weak](const BusSignal& signal) {
+        auto self = weak.lock();
+        if (!self || signal.args.size() < 2) return;
+        const auto* iface = signal.args[0].as<std::string>();
+        const BusValue* connected = signal.args[1].at("Connected");
+        if (!iface || *iface != "org.bluez.Device1" || !connected) return;
+        const bool* up = connected->as<bool>();
+        if (!up) return;
+        self->say(std::string(*up ? "central connected: " : "central disconnected: ") +
+                  signal.path.substr(signal.path.rfind('/') + 1));
+        if (!*up && signal.path == self->lastWriter_) self->notifying_ = false;
+      });
   registerWithDaemon(std::move(done));
 }
 
 void PostServer::registerWithDaemon(std::function<void(std::optional<std::string> error)> done) {
   std::weak_ptr<PostServer> weak = weak_from_this();
-  bus_->call(kBlueZ, adapterPath_, "org.bluez.GattManager1", "RegisterApplication",
-             {BusValue::path(kApplicationPath), BusValue(BusDict{})}, kCallTimeout, "",
-             [weak, done](const BusReply& reply) {
-               auto self = weak.lock();
-               if (!self) return;
-               if (reply.error) return done("GATT application on " + self->options_.adapter + ": " + text(reply));
-               self->bus_->call(
-                   kBlueZ, self->adapterPath_, "org.bluez.LEAdvertisingManager1", "RegisterAdvertisement",
-                   {BusValue::path(kAdvertisementPath), BusValue(BusDict{})}, kCallTimeout, "",
-                   [weak, done](const BusReply& reply) {
-                     auto self = weak.lock();
-                     if (!self) return;
-                     if (reply.error) return done("advertisement on " + self->options_.adapter + ": " + text(reply));
-                     self->registered_ = true;
-                     self->say("advertising as " + self->post_.name() + " on " + self->options_.adapter);
-                     done(std::nullopt);
-                   });
-             });
+  bus_->call(
+      kBlueZ, adapterPath_, "org.bluez.GattManager1", "RegisterApplication",
+      {BusValue::path(kApplicationPath), BusValue(BusDict{})}, kCallTimeout, "",
+      [weak, done](const BusReply& reply) {
+        auto self = weak.lock();
+        if (!self) return;
+        if (reply.error)
+          return done("GATT application on " + self->options_.adapter + ": " + text(reply));
+        self->bus_->call(
+            kBlueZ, self->adapterPath_, "org.bluez.LEAdvertisingManager1", "RegisterAdvertisement",
+            {BusValue::path(kAdvertisementPath), BusValue(BusDict{})}, kCallTimeout, "",
+            [weak, done](const BusReply& reply) {
+              auto self = weak.lock();
+              if (!self) return;
+              if (reply.error)
+                return done("advertisement on " + self->options_.adapter + ": " + text(reply));
+              self->registered_ = true;
+              self->say("advertising as " + self->post_.name() + " on " + self->options_.adapter);
+              done(std::nullopt);
+            });
+      });
 }
 
 void PostServer::stop(std::function<void()> done) {
@@ -192,12 +206,13 @@ void PostServer::stop(std::function<void()> done) {
              {BusValue::path(kAdvertisementPath)}, kCallTimeout, "", [weak, done](const BusReply&) {
                auto self = weak.lock();
                if (!self) return done();
-               self->bus_->call(kBlueZ, self->adapterPath_, "org.bluez.GattManager1", "UnregisterApplication",
-                                {BusValue::path(kApplicationPath)}, kCallTimeout, "",
-                                [weak, done](const BusReply& reply) {
+               self->bus_->call(kBlueZ, self->adapterPath_, "org.bluez.GattManager1",
+                                "UnregisterApplication", {BusValue::path(kApplicationPath)},
+                                kCallTimeout, "", [weak, done](const BusReply& reply) {
                                   if (auto self = weak.lock()) {
-                                    self->say(reply.error ? "unregistering: " + text(reply)
-                                                          : "advertisement and application unregistered");
+                                    self->say(reply.error
+                                                  ? "unregistering: " + text(reply)
+                                                  : "advertisement and application unregistered");
                                   }
                                   done();
                                 });
@@ -211,7 +226,8 @@ void PostServer::onWrite(const BusCall& call) {
   // bluetoothd names the writing device, and (in later versions only) the write type.
   std::string type;
   if (call.args().size() > 1) {
-    if (const BusValue* t = call.args()[1].at("type"); t && t->as<std::string>()) type = *t->as<std::string>();
+    if (const BusValue* t = call.args()[1].at("type"); t && t->as<std::string>())
+      type = *t->as<std::string>();
     const BusValue* d = call.args()[1].at("device");
     if (d && d->as<std::string>() && *d->as<std::string>() != lastWriter_) {
       lastWriter_ = *d->as<std::string>();
@@ -239,7 +255,8 @@ void PostServer::deliver(const Bytes& answer) {
         // bluetoothd sends one notification per change of Value, equal values included.
         self->read_->set(kCharacteristicInterface, "Value", piece.bytes);
       } else {
-        self->say("piece of " + std::to_string(piece.bytes.size()) + " bytes not sent: notifications are off");
+        self->say("piece of " + std::to_string(piece.bytes.size()) +
+                  " bytes not sent: notifications are off");
       }
       if (piece.dropLinkAfter) self->dropLink();
     });

@@ -37,7 +37,8 @@ struct PostOptions {
 class PostServer : public std::enable_shared_from_this<PostServer> {
  public:
   /// A post on `bus`; nothing is exported before start().
-  static std::shared_ptr<PostServer> make(std::shared_ptr<Bus> bus, PostOptions options, PostEvents events);
+  static std::shared_ptr<PostServer> make(std::shared_ptr<Bus> bus, PostOptions options,
+                                          PostEvents events);
   ~PostServer();
 
   sim::VirtualPost& post() { return post_; }
