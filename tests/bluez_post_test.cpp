@@ -34,6 +34,7 @@ class PostServerTest : public ::testing::Test {
     adapter->finish();
     device = daemon->exportObject(kDevice);
     record(*device, "org.bluez.Device1", "Disconnect");
+    device->addProperty("org.bluez.Device1", "Connected", true);
     device->finish();
   }
 
@@ -148,6 +149,22 @@ TEST_F(PostServerTest, RegistersAgainOnceARestartedBluetoothdOffersItsAdvertisin
   EXPECT_EQ(std::vector<std::string>(calls.begin() + 2, calls.end()),
             (std::vector<std::string>{"RegisterApplication /tqble/post",
                                       "RegisterAdvertisement /tqble/advertisement0"}));
+}
+
+TEST_F(PostServerTest, AReadAfterTheLinkEndedGetsTheInitialValueNotTheLastPiece) {
+  auto server = start();
+  auto read = [&] {
+    std::optional<BusReply> reply;
+    daemon->call(sender, "/tqble/post/service0/char1", kChrc, "ReadValue", {BusValue(BusDict{})},
+                 2s, "ay", [&](const BusReply& r) { reply = r; });
+    EXPECT_TRUE(MainQueue::main().runUntil([&] { return reply.has_value(); }, 2s));
+    return reply && !reply->error ? *reply->values.at(0).as<Bytes>() : Bytes{0xEE};
+  };
+  ASSERT_EQ(exchange(kVolumeRequest).size(), 1u);
+  EXPECT_EQ(read(), server->post().sentAnswers().at(0));  // the last piece, on the same link
+  device->set("org.bluez.Device1", "Connected", false);
+  MainQueue::main().runFor(100ms);
+  EXPECT_EQ(read(), Bytes{});
 }
 
 struct PieceCase {

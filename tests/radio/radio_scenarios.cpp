@@ -135,6 +135,16 @@ class App {
     return since(start);
   }
 
+  // Connects, then waits for the query the manager sends by itself 3 s later: a command
+  // issued before its answer would have that answer dispatched as its own.
+  double connectAndSettle() {
+    const std::size_t rows = manager->systemInfoModelList().size();
+    const double took = connect();
+    waitFor([&] { return manager->systemInfoModelList().size() > rows; }, 10s,
+            "the automatic system information");
+    return took;
+  }
+
   void disconnect() {
     const auto before = disconnects.size();
     manager->stopConnectPeripheral(manager->connectedPheral(), nullptr);
@@ -247,10 +257,7 @@ std::string chargerState(App& app, const Bytes& answer) {
 
 std::string commands(App& app) {
   app.scan();
-  app.connect();
-  // The manager asks for the system information by itself, 3 s after connecting.
-  App::waitFor([&] { return app.manager->systemInfoModelList().size() == 10; }, 8s,
-               "the automatic system information");
+  app.connectAndSettle();
   std::vector<CommandCase> cases = {
       {"synchroTimeWithError", 1, [](TQBleManager& m) { m.synchroTimeWithError(nullptr); }, result},
       {"querySystemInfoWithError", 2, [](TQBleManager& m) { m.querySystemInfoWithError(nullptr); },
@@ -316,7 +323,7 @@ std::string reconnect(App& app) {
   const double first = app.connect();
   app.disconnect();
   // The daemon keeps the device and its attributes: the second link needs no scan.
-  const double second = app.connect();
+  const double second = app.connectAndSettle();
   const Bytes answer =
       app.exchange([](TQBleManager& m) { m.queryChargerStateWithError(nullptr); }, 6);
   chargerState(app, answer);
@@ -346,7 +353,7 @@ std::string powerOff(App& app) {
   app.poweredOn();
   // The adapter works again: the post is heard and serves a new link.
   app.scan();
-  app.connect();
+  app.connectAndSettle();
   app.exchange([](TQBleManager& m) { m.queryChargerStateWithError(nullptr); }, 6);
   app.disconnect();
   return "powered off and on; " + std::to_string(lossesWhileOff) +
@@ -367,7 +374,7 @@ std::string daemonRestart(App& app) {
       15s, "the daemon's absence to be reported");
   app.poweredOn();
   app.scan();
-  app.connect();
+  app.connectAndSettle();
   app.exchange([](TQBleManager& m) { m.queryChargerStateWithError(nullptr); }, 6);
   app.disconnect();
   std::string seen;
@@ -377,7 +384,7 @@ std::string daemonRestart(App& app) {
 
 std::string unprivileged(App& app) {
   app.scan();
-  app.connect();
+  app.connectAndSettle();
   app.exchange([](TQBleManager& m) { m.queryChargerStateWithError(nullptr); }, 6);
   app.disconnect();
   return "scan, connection and an answer as uid " + std::to_string(getuid());

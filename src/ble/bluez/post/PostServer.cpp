@@ -164,7 +164,12 @@ void PostServer::start(std::function<void(std::optional<std::string> error)> don
         if (!up) return;
         self->say(std::string(*up ? "central connected: " : "central disconnected: ") +
                   signal.path.substr(signal.path.rfind('/') + 1));
-        if (!*up && signal.path == self->lastWriter_) self->notifying_ = false;
+        if (*up) return;
+        // Each link starts as on the simulated radio: no subscription, and
+        // a first read that gets the post's initial value, not the last piece.
+        if (signal.path == self->lastWriter_) self->notifying_ = false;
+        self->read_->setQuietly(kCharacteristicInterface, "Value",
+                                self->post_.setup().initialReadValue);
       });
   registerWithDaemon(std::move(done));
 }
