@@ -431,9 +431,17 @@ int main(int argc, char** argv) {
         sim::SimRadio::shared().addPost(setup)->model().plugIn();
       }
       App app;
-      const std::string seen = s.run(app);
-      std::printf("%s\n", seen.c_str());
-      return 0;
+      try {
+        const std::string seen = s.run(app);
+        std::printf("%s\n", seen.c_str());
+        return 0;
+      } catch (const std::exception& e) {
+        // What the SDK logged last, then the verdict (the guest shows the tail).
+        const std::size_t from = app.log.size() > 12 ? app.log.size() - 12 : 0;
+        for (std::size_t i = from; i < app.log.size(); ++i)
+          std::printf("  log: %s\n", app.log[i].c_str());
+        throw;
+      }
     } catch (const std::exception& e) {
       std::printf("FAILED: %s\n", e.what());
       return 1;
