@@ -8,7 +8,7 @@ set -euo pipefail
 HERE=$(cd "$(dirname "$0")" && pwd)
 BUILD=$(cd "${1:?usage: run.sh BUILD_DIR}" && pwd)
 WORK=$BUILD/radio
-BOOT_TIMEOUT=${RADIO_BOOT_TIMEOUT:-420}   # seconds for one whole guest run, scenarios included
+BOOT_TIMEOUT=${RADIO_BOOT_TIMEOUT:-540}   # seconds for one whole guest run, scenarios included
 mkdir -p "$WORK/cache"
 started=$(date +%s)
 
