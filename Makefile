@@ -2,9 +2,9 @@
 BUILD ?= build
 SANITIZE ?= OFF
 JOBS ?= $(shell nproc)
-RADIO_PACKAGES = qemu-system-x86 bluez bluez-test-tools busybox-static dbus kmod cpio
+RADIO_PACKAGES = qemu-system-x86 bluez bluez-test-tools busybox-static kmod cpio
 
-.PHONY: all setup configure build test test-radio demo bench clean format
+.PHONY: all setup configure build test test-tsan test-radio demo bench clean format
 
 all: build
 
@@ -27,6 +27,12 @@ test-radio: configure
 	@cmake --build $(BUILD) -j $(JOBS) --target tqble_cli tqble_radio
 	@./scripts/radio/run.sh $(BUILD)
 
+# The BlueZ suites, whose bus thread hands over to the main queue, under ThreadSanitizer.
+test-tsan: setup
+	@cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTQBLE_TSAN=ON -DTQBLE_BUILD_BENCH=OFF >/dev/null
+	@cmake --build build-tsan -j $(JOBS) --target tqble_tests
+	@cd build-tsan && ctest --output-on-failure -j $(JOBS) -R '^(Bus|Bluez)'
+
 demo: configure
 	@cmake --build $(BUILD) -j $(JOBS) --target tqble_cli
 	@$(BUILD)/cli/tqble demo
@@ -40,4 +46,4 @@ format:
 	@clang-format -i $$(git ls-files '*.h' '*.cpp')
 
 clean:
-	@rm -rf $(BUILD) build-release
+	@rm -rf $(BUILD) build-release build-tsan

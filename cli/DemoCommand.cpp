@@ -1,6 +1,7 @@
 // `tqble demo`: a scripted session against the virtual charging post, on real time with
-// short radio latencies. Each step shows the request frame, the post's answer and what
-// the SDK made of it; the SDK's own log lines are indented (or hidden with --quiet).
+// short radio latencies; with `--backend bluez`, against the first post the radio hears.
+// Each step shows the request frame, the post's answer and what the SDK made of it; the
+// SDK's own log lines are indented (or hidden with --quiet).
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -37,26 +38,11 @@ std::string padded(const std::string& s, std::size_t columns) {
 
 class Demo {
  public:
-  explicit Demo(bool quiet) {
+  explicit Demo(bool quiet, bool simulated) : simulated_(simulated) {
     setLogSink([quiet](std::string_view line) {
       if (!quiet) std::printf("        · %.*s\n", static_cast<int>(line.size()), line.data());
     });
-    auto& radio = sim::SimRadio::shared();
-    auto& t = radio.timing();
-    t.firstAdvertisement = 20ms;
-    t.advertisingInterval = 200ms;
-    t.connect = 30ms;
-    t.discovery = 5ms;
-    t.read = 3ms;
-    t.answer = 5ms;
-    t.notificationGap = 1ms;
-    post_ = radio.addPost();
-    // Some past life, so the history and the error log have something to show.
-    auto& model = post_->model();
-    model.addHistory({998, 12'400, 1'699'900'000, 1'699'907'200, 7200});
-    model.addError({1'699'800'000, 8});
-    model.addError({1'699'850'000, 1});
-
+    if (simulated) setUpVirtualPost();
     manager_ = TQBleManager::shareManager();
     delegate_ = std::make_shared<TQBleManagerDelegate>();
     delegate_->tqbleManagerCenterState = [this](std::int64_t state) { state_ = state; };
@@ -82,14 +68,36 @@ class Demo {
     setLogSink(nullptr);
   }
 
+  // The simulator's post with short latencies and some past life, so the history and the
+  // error log have something to show.
+  void setUpVirtualPost() {
+    auto& radio = sim::SimRadio::shared();
+    auto& t = radio.timing();
+    t.firstAdvertisement = 20ms;
+    t.advertisingInterval = 200ms;
+    t.connect = 30ms;
+    t.discovery = 5ms;
+    t.read = 3ms;
+    t.answer = 5ms;
+    t.notificationGap = 1ms;
+    post_ = radio.addPost();
+    auto& model = post_->model();
+    model.addHistory({998, 12'400, 1'699'900'000, 1'699'907'200, 7200});
+    model.addError({1'699'800'000, 8});
+    model.addError({1'699'850'000, 1});
+  }
+
   void run() {
     section("Adapter");
-    waitFor([this] { return state_ == ble::CentralManagerStatePoweredOn; }, 1s, "the adapter state");
+    waitFor([this] { return state_ != ble::CentralManagerStateUnknown; }, 3s, "the adapter state");
+    if (state_ != ble::CentralManagerStatePoweredOn) {
+      throw std::runtime_error("the adapter is not powered on (state " + std::to_string(state_) + ")");
+    }
     std::printf("  adapter state %lld (powered on)\n", static_cast<long long>(state_));
 
     section("Scan");
     manager_->scanForPeripherals();
-    waitFor([this] { return found_ != nullptr; }, 2s, "an advertising post");
+    waitFor([this] { return found_ != nullptr; }, simulated_ ? 2s : 20s, "an advertising post");
     manager_->stopScan();
     std::printf("  heard %s (%s), RSSI %lld dBm\n", found_->name().c_str(), found_->identifier().c_str(),
                 static_cast<long long>(rssi_));
@@ -97,7 +105,7 @@ class Demo {
     section("Connect");
     manager_->startConnectPeripheral(found_);
     waitFor([this] { return connected_ && manager_->writeCharacteristic() && manager_->readCharacteristic(); },
-            2s, "the connection and discovery");
+            simulated_ ? 2s : 20s, "the connection and discovery");
     std::printf("  connected; write characteristic %s, read characteristic %s\n",
                 manager_->writeCharacteristic()->uuid().UUIDString().c_str(),
                 manager_->readCharacteristic()->uuid().UUIDString().c_str());
@@ -113,7 +121,7 @@ class Demo {
     section("Time synchronisation");
     exchange([](TQBleManager& m) { m.synchroTimeWithError(nullptr); });
     showResult();
-    std::printf("  post clock now %lld\n", static_cast<long long>(post_->model().clock()));
+    if (post_) std::printf("  post clock now %lld\n", static_cast<long long>(post_->model().clock()));
 
     section("Volume 35");
     exchange([](TQBleManager& m) { m.setVolumeWithVolumeSize(35, nullptr); });
@@ -124,9 +132,11 @@ class Demo {
     showResult();
 
     section("Start charging");
-    std::printf("  (a car is plugged in; the post's time runs 60 times faster from here)\n");
-    post_->model().setTimeScale(60);
-    post_->model().plugIn();
+    if (post_) {
+      std::printf("  (a car is plugged in; the post's time runs 60 times faster from here)\n");
+      post_->model().setTimeScale(60);
+      post_->model().plugIn();
+    }
     exchange([](TQBleManager& m) { m.startChargingWithError(nullptr); });
     showResult();
 
@@ -177,9 +187,10 @@ class Demo {
  private:
   static void section(const std::string& title) { std::printf("\n== %s\n", title.c_str()); }
 
-  static void waitFor(const std::function<bool()>& done, MainQueue::Duration limit, const char* what) {
+  void waitFor(const std::function<bool()>& done, MainQueue::Duration limit, const char* what) const {
     if (!MainQueue::main().runUntil(done, limit)) {
-      throw std::runtime_error(std::string("the virtual post did not deliver ") + what + " in time");
+      throw std::runtime_error(std::string(simulated_ ? "the virtual post" : "the post") + " did not deliver " + what +
+                               " in time");
     }
   }
 
@@ -193,7 +204,8 @@ class Demo {
   }
 
   void showExchange() const {
-    std::printf("  sent     %s\n", spacedHex(post_->receivedWrites().back()).c_str());
+    // A post on a real radio shows only its answer.
+    if (post_) std::printf("  sent     %s\n", spacedHex(post_->receivedWrites().back()).c_str());
     std::printf("  answer   %s\n", spacedHex(*answer_).c_str());
   }
 
@@ -210,6 +222,7 @@ class Demo {
                 static_cast<unsigned long long>(c.duration));
   }
 
+  bool simulated_;
   std::shared_ptr<sim::VirtualPost> post_;
   std::shared_ptr<TQBleManager> manager_;
   std::uint64_t answerToken_ = 0;
@@ -227,16 +240,19 @@ class Demo {
 
 int runDemo(const std::vector<std::string>& args) {
   bool quiet = false;
-  for (const auto& arg : args) {
-    if (arg == "--quiet") {
+  std::string backend = "sim";
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "--quiet") {
       quiet = true;
+    } else if (args[i] == "--backend" && i + 1 < args.size()) {
+      backend = args[++i];
     } else {
-      std::fprintf(stderr, "usage: tqble demo [--quiet]\n");
+      std::fprintf(stderr, "usage: tqble demo [--quiet] [--backend NAME]\n");
       return 2;
     }
   }
-  if (!TQBleManager::useBackend("sim")) throw std::runtime_error("the manager already exists");
-  Demo demo(quiet);
+  if (!TQBleManager::useBackend(backend)) throw std::runtime_error("the manager already exists");
+  Demo demo(quiet, backend == "sim");
   demo.run();
   std::printf("\ndone.\n");
   return 0;

@@ -11,7 +11,7 @@ namespace {
 constexpr char kUsage[] =
     "usage: tqble frame <command> [arguments] [--status N] [--rand N] [--time SECONDS]\n"
     "       tqble decode <command> <hex> [--log]\n"
-    "       tqble demo\n"
+    "       tqble demo [--quiet] [--backend NAME]\n"
     "       tqble post [--adapter hciN] [--name NAME] [faults]   (see 'tqble post --help')\n"
     "Frames print as upper-case hex bytes separated by single spaces; 'tqble frame --help'\n"
     "and 'tqble decode --help' describe the commands and the JSON output.\n";

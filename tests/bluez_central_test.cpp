@@ -64,6 +64,15 @@ TEST_F(BluezSession, AdaptersAreChosenByNameAndFollowedInAndOut) {
                                       CentralManagerStateResetting, CentralManagerStateUnsupported}));
 }
 
+TEST(BluezState, APolicyThatKeepsUsFromBluetoothdIsUnauthorized) {
+  usePrivateSystemBus("<deny send_destination=\"org.bluez\"/>");
+  FakeBluez fake;
+  auto recorder = std::make_shared<Recorder>();
+  auto central = ble::backendNamed("bluez")(recorder);
+  ASSERT_TRUE(MainQueue::main().runUntil([&] { return !recorder->states.empty(); }, 2s));
+  EXPECT_EQ(recorder->states, States{ble::CentralManagerStateUnauthorized});
+}
+
 // ---- Scanning --------------------------------------------------------------------------
 
 TEST_F(BluezSession, EveryAdvertisementHeardIsOneReportWithItsRssiAndTheAdvertisedName) {
@@ -127,7 +136,7 @@ TEST_F(BluezSession, FailuresCancellationsAndLossesReachTheDelegate) {
       {"cancelled while connecting", [](BluezSession& s) { s.fake->faults(s.post).connectHangs = true; },
        [](BluezSession& s, const auto& p) { s.settle(30ms), s.central->cancelPeripheralConnection(p); },
        "disconnect C0:FF:EE:00:00:01"},
-      {"expired device", [](BluezSession& s) { s.fake->expire(s.post), s.settle(); }, nullptr,
+      {"expired device", [](BluezSession& s) { s.fake->expire(s.post); }, nullptr,
        "fail C0:FF:EE:00:00:01 error 10 The connection to the charging post failed. (the post is no longer known: scan for it again)"},
       {"lost link", nullptr,
        [](BluezSession& s, const auto&) {
@@ -160,7 +169,7 @@ TEST_F(BluezSession, FailuresCancellationsAndLossesReachTheDelegate) {
     ASSERT_FALSE(recorder->events.empty());
     EXPECT_EQ(recorder->events.back(), c.expected);
     fake->setPowered(false);
-    settle();
+    ASSERT_TRUE(runUntil([&] { return central->state() == CentralManagerStatePoweredOff; }));
   }
 }
 

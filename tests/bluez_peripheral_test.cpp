@@ -52,7 +52,7 @@ TEST_F(BluezSession, ServicesAreReportedOnceResolvedInThePeersHandleOrder) {
     const Lines tail(recorder->events.begin() + 1, recorder->events.end());
     EXPECT_EQ(tail, c.expected);
     fake->setPowered(false);  // the device goes, the GATT cache with it
-    settle();
+    ASSERT_TRUE(runUntil([&] { return central->state() == ble::CentralManagerStatePoweredOff; }));
     fake->setPowered(true);
     ASSERT_TRUE(runUntil([&] { return central->state() == ble::CentralManagerStatePoweredOn; }));
   }

@@ -124,7 +124,7 @@ class BluezSession : public ::testing::Test {
   /// Scans until the post is heard, stops, and returns its peripheral.
   std::shared_ptr<ble::Peripheral> find() {
     central->scanForPeripheralsWithServices({}, {});
-    EXPECT_TRUE(runUntil([&] { return recorder->last != nullptr; }));
+    EXPECT_TRUE(runUntil([&] { return recorder->last != nullptr; })) << ::testing::PrintToString(fake->calls());
     central->stopScan();
     recorder->last->setDelegate(recorder);
     return recorder->last;

@@ -377,11 +377,16 @@ void FakeBluez::notifyAnswer(Device& d, const Bytes& answer) {
     if (piece.lost) continue;
     MainQueue::main().asyncAfter(piece.due, [this, alive = std::weak_ptr<bool>(alive_), path, link, piece] {
       Device* d = alive.lock() ? deviceAt(path) : nullptr;
-      if (!d || !d->connected || d->link != link || d->notifiers.empty() || !d->notify) return;
-      // One signal per notification, equal values included.
-      d->notify->set(kChrcI, "Value", BusValue(piece.bytes));
+      if (d && d->link == link) notify(d->post, piece.bytes);
     });
   }
+}
+
+void FakeBluez::notify(const std::shared_ptr<sim::VirtualPost>& post, const Bytes& value) {
+  Device& d = deviceOf(post);
+  if (!d.connected || d.notifiers.empty() || !d.notify) return;
+  // One signal per notification, equal values included.
+  d.notify->set(kChrcI, "Value", BusValue(value));
 }
 
 // ---- Links, power, restarts ---------------------------------------------------------------

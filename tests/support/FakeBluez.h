@@ -53,6 +53,9 @@ class FakeBluez {
   /// bluetoothd stops for good.
   void leave();
 
+  /// Notifies `value` on FFF4 of `post` now, if a link and a notify session are up.
+  void notify(const std::shared_ptr<sim::VirtualPost>& post, const Bytes& value);
+
   /// Method calls received, e.g. "StartDiscovery hci0", "WriteValue FFF3 command 68B5...".
   const std::vector<std::string>& calls() const { return calls_; }
   /// Whether a link to `post` is up.

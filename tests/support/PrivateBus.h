@@ -16,10 +16,26 @@
 namespace tqble::test {
 
 /// Starts the daemon once and points DBUS_SYSTEM_BUS_ADDRESS at it. Call before any
-/// thread starts (the bus library reads the variable).
+/// thread starts (the bus library reads the variable). `extraPolicy` (XML rules) is added
+/// to the default policy of a session bus.
 /// @throws std::runtime_error when dbus-daemon cannot be started.
-inline const std::string& usePrivateSystemBus() {
-  static const std::string address = [] {
+inline const std::string& usePrivateSystemBus(const std::string& extraPolicy = "") {
+  static const std::string address = [&extraPolicy] {
+    std::string config = "--session";
+    if (!extraPolicy.empty()) {
+      char dir[] = "/tmp/tqble-bus-XXXXXX";
+      if (!mkdtemp(dir)) throw std::runtime_error("mkdtemp failed");
+      const std::string file = std::string(dir) + "/bus.conf";
+      FILE* f = std::fopen(file.c_str(), "w");
+      if (!f) throw std::runtime_error("cannot write " + file);
+      std::fprintf(f,
+                   "<busconfig><type>session</type><listen>unix:dir=%s</listen><policy context=\"default\">"
+                   "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
+                   "<allow own=\"*\"/>%s</policy></busconfig>\n",
+                   dir, extraPolicy.c_str());
+      std::fclose(f);
+      config = "--config-file=" + file;
+    }
     int fds[2];
     if (pipe(fds) != 0) throw std::runtime_error("pipe failed");
     const pid_t child = fork();
@@ -29,7 +45,7 @@ inline const std::string& usePrivateSystemBus() {
       close(fds[0]);
       freopen("/dev/null", "w", stderr);  // its notes about fd limits are not ours
       const std::string fd = "--print-address=" + std::to_string(fds[1]);
-      execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", "--nopidfile", fd.c_str(),
+      execlp("dbus-daemon", "dbus-daemon", config.c_str(), "--nofork", "--nopidfile", fd.c_str(),
              static_cast<char*>(nullptr));
       _exit(127);
     }

@@ -14,7 +14,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kConnectTimeout = 35s;
-constexpr auto kCallTimeout = 10s;
 // How long bluetoothd may stay away before its absence counts as no Bluetooth at all.
 constexpr auto kResettingLimit = 5s;
 // How long a vanished adapter counts as resetting before the next one is chosen.
@@ -33,6 +32,23 @@ std::vector<std::string> texts(const BusValue* v) {
     if (const auto* list = v->as<std::vector<std::string>>()) return *list;
   }
   return {};
+}
+
+// bluetoothd forgets devices heard in a scan 30 s after it, and at power-off.
+TQError forgotten() {
+  return busError({kUnknownObject, "the post is no longer known: scan for it again"}, kConnectionFailed,
+                  kConnectionFailedCode);
+}
+
+// An a{sa{sv}} as interface → properties.
+BusInterfaces interfacesOf(const BusValue& v) {
+  BusInterfaces out;
+  if (const auto* interfaces = v.as<BusDict>()) {
+    for (const auto& [name, props] : *interfaces) {
+      if (const auto* p = props.as<BusDict>()) out[name] = *p;
+    }
+  }
+  return out;
 }
 
 // The full lower-case form bluetoothd's filter expects.
@@ -141,12 +157,7 @@ void BluezCentral::start() {
     subscriptions_.push_back(bus_->subscribe(
         fromBlueZ + "interface='org.freedesktop.DBus.ObjectManager',member='InterfacesAdded'", "oa{sa{sv}}",
         on([](BluezCentral& self, const BusSignal& s) {
-          const auto* interfaces = s.args[1].as<BusDict>();
-          BusInterfaces added;
-          for (const auto& [name, props] : *interfaces) {
-            if (const auto* p = props.as<BusDict>()) added[name] = *p;
-          }
-          self.interfacesAdded(*s.args[0].as<std::string>(), added);
+          self.interfacesAdded(*s.args[0].as<std::string>(), interfacesOf(s.args[1]));
         })));
     subscriptions_.push_back(bus_->subscribe(
         fromBlueZ + "interface='org.freedesktop.DBus.ObjectManager',member='InterfacesRemoved'", "oas",
@@ -199,13 +210,7 @@ void BluezCentral::synced(const BusReply& reply, std::uint64_t generation) {
     return;
   }
   tree_.clear();
-  for (const auto& [path, interfaces] : *reply.values.at(0).as<BusDict>()) {
-    BusInterfaces plain;
-    for (const auto& [name, props] : *interfaces.as<BusDict>()) {
-      if (const auto* p = props.as<BusDict>()) plain[name] = *p;
-    }
-    tree_.add(path, plain);
-  }
+  for (const auto& [path, interfaces] : *reply.values.at(0).as<BusDict>()) tree_.add(path, interfacesOf(interfaces));
   chooseAdapter();
 }
 
@@ -270,8 +275,11 @@ void BluezCentral::interfacesRemoved(const std::string& path, const std::vector<
   tree_.remove(path, interfaces);
   const auto has = [&](const char* name) { return std::find(interfaces.begin(), interfaces.end(), name) != interfaces.end(); };
   if (has(kDeviceInterface)) {
-    if (auto p = knownPeripheral(path); p && p->link() != BluezPeripheral::Link::Disconnected) {
-      loseLink(*p, TQError{kLinkLost, kConnectionTimeoutCode, {}});
+    auto p = knownPeripheral(path);
+    if (p && p->link() == BluezPeripheral::Link::Connected) loseLink(*p, TQError{kLinkLost, kConnectionTimeoutCode, {}});
+    if (p && p->link() == BluezPeripheral::Link::Connecting) {
+      p->linkDown();
+      if (auto d = liveDelegate()) d->didFailToConnectPeripheral(*this, p, forgotten());
     }
   }
   if (has(kAdapterInterface) && path == adapter_) adapterGone();
@@ -412,19 +420,16 @@ void BluezCentral::connectPeripheral(const std::shared_ptr<ble::Peripheral>& per
          // A link left by an earlier process is ours now.
          if (reply.error && reply.error->name != "org.bluez.Error.AlreadyConnected") {
            p->linkDown();
-           auto error = *reply.error;
-           // bluetoothd forgets devices heard in a scan 30 s after it, and at power-off.
-           if (error.name == kUnknownObject) error.message = "the post is no longer known: scan for it again";
-           if (auto d = self->liveDelegate()) {
-             d->didFailToConnectPeripheral(*self, p, busError(error, kConnectionFailed, kConnectionFailedCode));
-           }
+           const auto error = reply.error->name == kUnknownObject
+                                  ? forgotten()
+                                  : busError(*reply.error, kConnectionFailed, kConnectionFailedCode);
+           if (auto d = self->liveDelegate()) d->didFailToConnectPeripheral(*self, p, error);
            return;
          }
          // The reply comes when the link is up, often without a Connected signal.
          self->tree_.setQuietly(p->path(), kDeviceInterface, "Connected", BusValue(true));
          p->linkUp();
-         // bluetoothd keeps a link after its client exits: ours end with this process.
-         if (self->bus_) self->bus_->callOnClose(p->path(), kBlueZ, p->path(), kDeviceInterface, "Disconnect");
+         self->closeAtExit(p->path(), true);
          if (auto d = self->liveDelegate()) d->didConnectPeripheral(*self, p);
        });
 }
@@ -439,6 +444,13 @@ void BluezCentral::cancelPeripheralConnection(const std::shared_ptr<ble::Periphe
     if (!self) return;
     if (auto d = self->liveDelegate()) d->didDisconnectPeripheral(*self, p, std::nullopt);
   });
+}
+
+void BluezCentral::closeAtExit(const std::string& devicePath, bool close) {
+  if (!bus_) return;
+  // bluetoothd keeps a link after its client exits: ours end with this process.
+  if (close) bus_->callOnClose(devicePath, kBlueZ, devicePath, kDeviceInterface, "Disconnect");
+  else bus_->cancelOnClose(devicePath);
 }
 
 void BluezCentral::loseLinks() {

@@ -24,6 +24,9 @@ inline constexpr char kDeviceInterface[] = "org.bluez.Device1";
 inline constexpr char kServiceInterface[] = "org.bluez.GattService1";
 inline constexpr char kCharacteristicInterface[] = "org.bluez.GattCharacteristic1";
 
+/// How long bluetoothd gets to answer a call other than Connect.
+inline constexpr std::chrono::seconds kCallTimeout{10};
+
 /// Error codes the backend reports (the platform's values).
 inline constexpr std::int64_t kUnknownErrorCode = 0;
 inline constexpr std::int64_t kConnectionTimeoutCode = 6;
@@ -144,6 +147,7 @@ class BluezPeripheral final : public ble::Peripheral, public std::enable_shared_
   Link link_ = Link::Disconnected;
   std::uint64_t linkNumber_ = 0;
   enum class Discovery { Idle, Waiting, WaitingForCharger, Done } discovery_ = Discovery::Idle;
+  std::uint64_t attributeBurst_ = 0;  // counts late attribute signals while waiting for FFF0
   std::vector<std::shared_ptr<BluezService>> table_;
   std::set<std::string> notifying_;
 };
@@ -167,6 +171,8 @@ class BluezCentral final : public ble::CentralManager, public std::enable_shared
             std::chrono::milliseconds timeout, const std::string& replySignature = "", Bus::ReplyHandler onReply = {});
   /// The link of `peripheral` is lost; the delegate hears of it.
   void loseLink(BluezPeripheral& peripheral, const TQError& error);
+  /// Whether the link to `devicePath` is to be closed when this process's bus closes.
+  void closeAtExit(const std::string& devicePath, bool close);
   /// Every link is lost and scanning ends (the adapter or bluetoothd went away).
   void loseLinks();
 

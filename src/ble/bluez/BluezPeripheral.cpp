@@ -14,11 +14,12 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kCallTimeout = 10s;
 constexpr auto kResolveTimeout = 30s;
 // How long a resolved tree may lack the charger's service before it counts as absent
 // (bluetoothd can signal ServicesResolved before exporting every object).
 constexpr auto kLateServiceWait = 500ms;
+// Quiet after the last late attribute signal before the tree is read again.
+constexpr auto kBurstQuiet = 20ms;
 constexpr char kChargerService[] = "FFF0";
 constexpr char kDiscoveryFailed[] = "The services of the charging post could not be discovered.";
 constexpr char kReadFailed[] = "Reading the characteristic failed.";
@@ -89,6 +90,7 @@ void BluezPeripheral::linkDown() {
   table_.clear();
   auto central = liveCentral();
   if (!central) return;
+  central->closeAtExit(path_, false);
   // Notify sessions would resume by themselves on the next link.
   for (const auto& path : notifying_) central->call(path, kCharacteristicInterface, "StopNotify", {}, kCallTimeout);
   notifying_.clear();
@@ -128,9 +130,13 @@ void BluezPeripheral::servicesResolved() {
 
 void BluezPeripheral::attributeAdded() {
   if (link_ != Link::Connected || discovery_ != Discovery::WaitingForCharger) return;
-  discovery_ = Discovery::Waiting;
-  // Its characteristics follow in the same burst of signals.
-  later(0ns, [](BluezPeripheral& self) { self.servicesResolved(); });
+  // A service's characteristics follow it in one burst of signals: look once it is over.
+  const auto burst = ++attributeBurst_;
+  later(kBurstQuiet, [burst](BluezPeripheral& self) {
+    if (self.attributeBurst_ != burst || self.discovery_ != Discovery::WaitingForCharger) return;
+    self.discovery_ = Discovery::Waiting;
+    self.servicesResolved();
+  });
 }
 
 void BluezPeripheral::reportServices(const std::optional<TQError>& error) {
