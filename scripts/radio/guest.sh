@@ -1,6 +1,7 @@
 #!/bin/sh
 # PID 1 of the radio guest (see run.sh): system bus, two emulated LE controllers, bluetoothd,
-# `tqble post` on hci0, then every scenario of tqble_radio against it from hci1; powers off.
+# `tqble post` on hci0 (as an unprivileged user), then every scenario of tqble_radio and
+# `tqble demo` against it from hci1; powers off.
 # `guest.sh ctl ACTION` is what the scenarios call to act on the radio from outside the SDK.
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin
 say() { echo "radio: $*"; }
@@ -11,7 +12,7 @@ TQBLE=$BUILD/cli/tqble
 POST_NAME=TQ-RADIO-POST
 
 start_bluetoothd() { /usr/libexec/bluetooth/bluetoothd -n -d >>/run/bluetoothd.log 2>&1 & }
-start_post() { "$TQBLE" post --adapter hci0 --name $POST_NAME --state plugged >>/run/post.log 2>&1 & }
+start_post() { setpriv --reuid=65534 --regid=65534 --clear-groups "$TQBLE" post --adapter hci0 --name $POST_NAME --state plugged >>/run/post.log 2>&1 & }
 adapters() {  # how many adapters bluetoothd exports
   dbus-send --system --print-reply --dest=org.bluez / org.freedesktop.DBus.ObjectManager.GetManagedObjects \
     2>/dev/null | grep -c '"org.bluez.Adapter1"'
@@ -91,7 +92,9 @@ passed=0; failed=0
 for s in $("$BUILD/tests/radio/tqble_radio" --list) demo; do
   t0=$(uptime_s)
   if [ "$s" = demo ]; then   # the scripted session of `tqble demo`, on whatever post it hears
-    TQBLE_BLUEZ_ADAPTER=hci1 timeout 90 "$TQBLE" demo --backend bluez --quiet >/run/scenario.log 2>&1
+    demo() { TQBLE_BLUEZ_ADAPTER=hci1 timeout 90 "$TQBLE" demo --backend bluez --quiet >/run/scenario.log 2>&1; }
+    # Its one scan can miss the post for good on the emulated controllers (see tqble_radio's scan).
+    demo || { grep -q 'an advertising post in time' /run/scenario.log && demo; }
   else
     RADIO_CTL="$0 ctl" TQBLE_BACKEND=bluez TQBLE_BLUEZ_ADAPTER=hci1 \
       timeout 90 "$BUILD/tests/radio/tqble_radio" "$s" >/run/scenario.log 2>&1

@@ -3,6 +3,7 @@
 #include "ble/bluez/post/PostServer.h"
 
 #include <chrono>
+#include <string_view>
 
 #include "ble/sim/SimInternal.h"
 #include "tqble/platform/MainQueue.h"
@@ -16,6 +17,8 @@ constexpr char kBlueZ[] = "org.bluez";
 constexpr char kServiceInterface[] = "org.bluez.GattService1";
 constexpr char kCharacteristicInterface[] = "org.bluez.GattCharacteristic1";
 constexpr char kAdvertisementInterface[] = "org.bluez.LEAdvertisement1";
+constexpr char kGattManager[] = "org.bluez.GattManager1";
+constexpr char kAdvertisingManager[] = "org.bluez.LEAdvertisingManager1";
 constexpr char kApplicationPath[] = "/tqble/post";
 constexpr char kServicePath[] = "/tqble/post/service0";
 constexpr char kWritePath[] = "/tqble/post/service0/char0";
@@ -143,7 +146,7 @@ void PostServer::start(std::function<void(std::optional<std::string> error)> don
         if (!self || self->registered_ || signal.args.size() < 2) return;
         const auto* path = signal.args[0].as<std::string>();
         if (!path || *path != self->adapterPath_ ||
-            !signal.args[1].at("org.bluez.LEAdvertisingManager1"))
+            !signal.args[1].at(kAdvertisingManager))
           return;
         self->registerWithDaemon([weak](std::optional<std::string> error) {
           if (auto again = weak.lock(); again && error)
@@ -174,21 +177,26 @@ void PostServer::start(std::function<void(std::optional<std::string> error)> don
   registerWithDaemon(std::move(done));
 }
 
-void PostServer::registerWithDaemon(std::function<void(std::optional<std::string> error)> done) {
+void PostServer::callAdapter(const char* interface, const char* method, const char* path,
+                             std::function<void(PostServer* self, const BusReply& reply)> then) {
+  BusList args{BusValue::path(path)};
+  if (std::string_view(method).starts_with("Register")) args.push_back(BusValue(BusDict{}));
   std::weak_ptr<PostServer> weak = weak_from_this();
-  bus_->call(
-      kBlueZ, adapterPath_, "org.bluez.GattManager1", "RegisterApplication",
-      {BusValue::path(kApplicationPath), BusValue(BusDict{})}, kCallTimeout, "",
-      [weak, done](const BusReply& reply) {
-        auto self = weak.lock();
+  // Weak: a handler may be destroyed on the bus thread, which must never hold the last reference.
+  bus_->call(kBlueZ, adapterPath_, interface, method, args, kCallTimeout, "",
+             [weak, then](const BusReply& reply) { then(weak.lock().get(), reply); });
+}
+
+void PostServer::registerWithDaemon(std::function<void(std::optional<std::string> error)> done) {
+  callAdapter(
+      kGattManager, "RegisterApplication", kApplicationPath,
+      [done](PostServer* self, const BusReply& reply) {
         if (!self) return;
         if (reply.error)
           return done("GATT application on " + self->options_.adapter + ": " + text(reply));
-        self->bus_->call(
-            kBlueZ, self->adapterPath_, "org.bluez.LEAdvertisingManager1", "RegisterAdvertisement",
-            {BusValue::path(kAdvertisementPath), BusValue(BusDict{})}, kCallTimeout, "",
-            [weak, done](const BusReply& reply) {
-              auto self = weak.lock();
+        self->callAdapter(
+            kAdvertisingManager, "RegisterAdvertisement", kAdvertisementPath,
+            [done](PostServer* self, const BusReply& reply) {
               if (!self) return;
               if (reply.error)
                 return done("advertisement on " + self->options_.adapter + ": " + text(reply));
@@ -205,23 +213,18 @@ void PostServer::stop(std::function<void()> done) {
   links_ = {};
   if (!registered_) return done();
   registered_ = false;
-  // Weak: a handler may be destroyed on the bus thread, which must never hold the last reference.
-  std::weak_ptr<PostServer> weak = weak_from_this();
-  bus_->call(kBlueZ, adapterPath_, "org.bluez.LEAdvertisingManager1", "UnregisterAdvertisement",
-             {BusValue::path(kAdvertisementPath)}, kCallTimeout, "", [weak, done](const BusReply&) {
-               auto self = weak.lock();
-               if (!self) return done();
-               self->bus_->call(kBlueZ, self->adapterPath_, "org.bluez.GattManager1",
-                                "UnregisterApplication", {BusValue::path(kApplicationPath)},
-                                kCallTimeout, "", [weak, done](const BusReply& reply) {
-                                  if (auto self = weak.lock()) {
-                                    self->say(reply.error
-                                                  ? "unregistering: " + text(reply)
-                                                  : "advertisement and application unregistered");
-                                  }
-                                  done();
-                                });
-             });
+  callAdapter(kAdvertisingManager, "UnregisterAdvertisement", kAdvertisementPath,
+              [done](PostServer* self, const BusReply&) {
+                if (!self) return done();
+                self->callAdapter(kGattManager, "UnregisterApplication", kApplicationPath,
+                                  [done](PostServer* self, const BusReply& reply) {
+                                    if (self)
+                                      self->say(reply.error
+                                                    ? "unregistering: " + text(reply)
+                                                    : "advertisement and application unregistered");
+                                    done();
+                                  });
+              });
 }
 
 void PostServer::onWrite(const BusCall& call) {

@@ -55,6 +55,10 @@ class PostServer : public std::enable_shared_from_this<PostServer> {
  private:
   PostServer(std::shared_ptr<Bus> bus, PostOptions options, PostEvents events);
   void exportObjects();
+  /// Calls a (un)registration method of the adapter for the object at `path`; `then` gets
+  /// the server (null once it is gone) and the reply, on the main queue.
+  void callAdapter(const char* interface, const char* method, const char* path,
+                   std::function<void(PostServer* self, const BusReply& reply)> then);
   void registerWithDaemon(std::function<void(std::optional<std::string> error)> done);
   void onWrite(const BusCall& call);
   void deliver(const Bytes& answer);
