@@ -14,7 +14,7 @@ using States = std::vector<std::int64_t>;
 
 // ---- Adapter state ---------------------------------------------------------------------
 
-TEST_F(BluezSession, AdapterStateFollowsPowerAndNeverPowersTheAdapterItself) {
+TEST_F(BluezSession, AdapterStateFollowsPowerAndAScanWhileOffIsIgnored) {
   fake->setPowered(false);
   makeCentral();
   central->scanForPeripheralsWithServices({}, {});  // ignored while off

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 #include "tqble/platform/MainQueue.h"
@@ -69,6 +70,26 @@ TEST(MainQueue, RealClockRunTakesTasksHandedOverByOtherThreads) {
   queue.run();
   backend.join();
   EXPECT_EQ(seen, 3);
+}
+
+TEST(MainQueue, RealClockRunUntilNeverSleepsOverATaskHandedOverWhileItLooked) {
+  auto& queue = MainQueue::main();
+  std::atomic<int> asked = 0;
+  int answered = 0;
+  std::thread backend([&] {
+    // Hands over the moment the queue starts looking: the window a lost wake-up needs.
+    for (int i = 1; i <= 2000; ++i) {
+      while (asked.load() != i) std::this_thread::yield();
+      queue.async([&answered, i] { answered = i; });
+    }
+  });
+  int late = 0;
+  for (int i = 1; i <= 2000; ++i) {
+    asked = i;
+    if (!queue.runUntil([&] { return answered == i; }, 500ms)) ++late;
+  }
+  backend.join();
+  EXPECT_EQ(late, 0);
 }
 
 TEST(MainQueue, RealClockRunForWaitsForADelayedTask) {

@@ -122,6 +122,7 @@ bool MainQueue::runUntil(const std::function<bool()>& done, Duration limit) {
       continue;
     }
     std::unique_lock lock(mutex_);
+    if (!ready_.empty()) continue;  // handed over after the look above: no wait
     auto [has, due] = nextTimer();
     const auto until = has ? std::min(due, deadline) : deadline;
     // Any task or timer handed over meanwhile (maybe due sooner) ends the wait.
@@ -143,6 +144,7 @@ void MainQueue::run() {
     if (runOneDue(isVirtual() ? Clock::time_point::max() : Clock::now())) continue;
     std::unique_lock lock(mutex_);
     if (stopRequested_) return;
+    if (!ready_.empty()) continue;  // handed over after the look above: no wait
     auto [has, due] = nextTimer();
     const auto seen = sequence_;
     auto ready = [this, seen] { return sequence_ != seen || stopRequested_; };

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdio>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -124,7 +125,9 @@ class BluezSession : public ::testing::Test {
   /// Scans until the post is heard, stops, and returns its peripheral.
   std::shared_ptr<ble::Peripheral> find() {
     central->scanForPeripheralsWithServices({}, {});
-    EXPECT_TRUE(runUntil([&] { return recorder->last != nullptr; })) << ::testing::PrintToString(fake->calls());
+    if (!runUntil([&] { return recorder->last != nullptr; })) {
+      throw std::runtime_error("the post was not heard; calls: " + ::testing::PrintToString(fake->calls()));
+    }
     central->stopScan();
     recorder->last->setDelegate(recorder);
     return recorder->last;

@@ -295,6 +295,7 @@ struct Bus::Impl {
     std::string service, path, interface, method;
   };
   std::map<std::string, Farewell> farewells;
+  std::vector<sdbus::PendingAsyncCall> inFlight;
   std::string uniqueName;
 
   // Proxies outlive their pending calls: they stay until the bus goes.
@@ -355,6 +356,7 @@ void Bus::close() {
     }
   }
   impl_->farewells.clear();
+  impl_->inFlight.clear();
   impl_->proxies.clear();
   impl_->connection.reset();  // flushes and disconnects, once no object or subscription holds it
 }
@@ -385,7 +387,11 @@ void Bus::call(const std::string& service, const std::string& path, const std::s
     post([onReply, out = std::move(out)] { onReply(out); });
   };
   try {
-    proxy.callMethod(message, std::move(handler), std::chrono::duration_cast<std::chrono::microseconds>(timeout));
+    // The handles are dropped once answered, on a later call: dropping one while the bus
+    // thread still finishes the call races inside the library.
+    std::erase_if(impl_->inFlight, [](const sdbus::PendingAsyncCall& c) { return !c.isPending(); });
+    impl_->inFlight.push_back(
+        proxy.callMethod(message, std::move(handler), std::chrono::duration_cast<std::chrono::microseconds>(timeout)));
   } catch (const sdbus::Error& e) {
     if (onReply) post([onReply, err = BusError{e.getName(), e.getMessage()}] { onReply(BusReply{err, {}}); });
   }
@@ -483,8 +489,8 @@ struct BusObject::Impl {
     PropertyWritten written;
   };
   std::shared_ptr<sdbus::IConnection> connection;  // outlives `object`
+  std::shared_ptr<Shared> shared = std::make_shared<Shared>();  // outlives `object` too
   std::unique_ptr<sdbus::IObject> object;
-  std::shared_ptr<Shared> shared = std::make_shared<Shared>();
   std::vector<std::string> interfaces;
   std::string path;
 
@@ -537,13 +543,20 @@ void BusObject::addProperty(const std::string& interface, const std::string& nam
     impl_->shared->properties[{interface, name}] = std::move(initial);
   }
   std::weak_ptr<Impl::Shared> weak = impl_->shared;
+  // Runs on whichever thread asks; only sdbus::Error may leave it (as an error reply).
   auto getter = [weak, interface, name, signature](sdbus::PropertyGetReply& reply) {
+    auto shared = weak.lock();
+    if (!shared) throw sdbus::Error("org.freedesktop.DBus.Error.UnknownObject", "the object is gone");
     BusValue value;
-    if (auto shared = weak.lock()) {
+    {
       std::lock_guard lock(shared->mutex);
       value = shared->properties[{interface, name}];
     }
-    write(reply, value, signature);
+    try {
+      write(reply, value, signature);
+    } catch (const BusFailure& e) {
+      throw sdbus::Error(e.errorName(), e.what());
+    }
   };
   if (!writable) {
     impl_->object->registerProperty(interface, name, signature, std::move(getter));
@@ -552,7 +565,12 @@ void BusObject::addProperty(const std::string& interface, const std::string& nam
   impl_->object->registerProperty(
       interface, name, signature, std::move(getter),
       [weak, object = impl_->object.get(), interface, name, signature](sdbus::PropertySetCall& call) {
-        auto value = read(call, signature);
+        std::optional<BusValue> value;
+        try {
+          value = read(call, signature);
+        } catch (const BusFailure& e) {
+          throw sdbus::Error(e.errorName(), e.what());
+        }
         auto shared = weak.lock();
         if (!value || !shared) return;
         {

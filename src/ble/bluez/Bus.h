@@ -185,7 +185,7 @@ class BusObject {
   void setQuietly(const std::string& interface, const std::string& name, BusValue value);
   /// Emits PropertiesChanged for these properties with their current values.
   void emitChanged(const std::string& interface, const std::vector<std::string>& names);
-  /// Emits a signal of this object.
+  /// Emits a signal of this object. @throws BusFailure when an argument does not fit its signature.
   void emitSignal(const std::string& interface, const std::string& name, const BusList& args);
   /// Emits InterfacesAdded / InterfacesRemoved for every declared interface (needs an
   /// object manager on an ancestor path).
@@ -226,6 +226,7 @@ class Bus : public std::enable_shared_from_this<Bus> {
 
   /// Calls a method without waiting; `onReply` (optional) gets the outcome on the main
   /// queue, its values read by `replySignature`. A closed bus drops the call.
+  /// @throws BusFailure when an argument does not fit its own signature.
   void call(const std::string& service, const std::string& path, const std::string& interface,
             const std::string& method, const BusList& args, std::chrono::milliseconds timeout,
             const std::string& replySignature = "", ReplyHandler onReply = {});
