@@ -1,7 +1,7 @@
 #!/bin/sh
 # PID 1 of the radio guest (see run.sh): system bus, two emulated LE controllers, bluetoothd,
-# `tqble post` on hci0 (as an unprivileged user), then every scenario of tqble_radio and
-# `tqble demo` against it from hci1; powers off.
+# `tqble post` on hci0 (as an unprivileged user), then every scenario of tqble_radio against
+# it from hci1; powers off.
 # `guest.sh ctl ACTION` is what the scenarios call to act on the radio from outside the SDK.
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin
 say() { echo "radio: $*"; }
@@ -89,16 +89,10 @@ wait_for 300 posts_advertising || { say "bring-up failed: the post did not adver
 say "stack ready at $(uptime_s) s (btvirt starts: $attempt)"
 
 passed=0; failed=0
-for s in $("$BUILD/tests/radio/tqble_radio" --list) demo; do
+for s in $("$BUILD/tests/radio/tqble_radio" --list); do
   t0=$(uptime_s)
-  if [ "$s" = demo ]; then   # the scripted session of `tqble demo`, on whatever post it hears
-    demo() { TQBLE_BLUEZ_ADAPTER=hci1 timeout 90 "$TQBLE" demo --backend bluez --quiet >/run/scenario.log 2>&1; }
-    # Its one scan can miss the post for good on the emulated controllers (see tqble_radio's scan).
-    demo || { grep -q 'an advertising post in time' /run/scenario.log && demo; }
-  else
-    RADIO_CTL="$0 ctl" TQBLE_BACKEND=bluez TQBLE_BLUEZ_ADAPTER=hci1 \
-      timeout 90 "$BUILD/tests/radio/tqble_radio" "$s" >/run/scenario.log 2>&1
-  fi
+  RADIO_CTL="$0 ctl" TQBLE_BACKEND=bluez TQBLE_BLUEZ_ADAPTER=hci1 \
+    timeout 90 "$BUILD/tests/radio/tqble_radio" "$s" >/run/scenario.log 2>&1
   rc=$?
   took=$(echo "$(uptime_s) $t0" | awk '{printf "%.1f", $1 - $2}')
   if [ $rc -eq 0 ]; then
