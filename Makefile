@@ -14,7 +14,9 @@ endif
 JOBS ?= $(shell nproc)
 RELEASE = cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DTQBLE_BUILD_TESTS=OFF >/dev/null
 
-.PHONY: all setup configure build test demo bench package check-fresh test-tsan clean format
+RADIO_PACKAGES = qemu-system-x86 bluez bluez-test-tools busybox-static kmod cpio
+
+.PHONY: all setup configure build test demo bench package check-fresh test-tsan test-radio clean format
 
 all: build
 
@@ -31,7 +33,14 @@ build: configure
 test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
-# The suites whose threads hand over to the main queue (BlueZ, the queue itself), under ThreadSanitizer.
+# The bluez backend and `tqble post` against the real bluetoothd, in a qemu guest with two
+# emulated controllers: no Bluetooth hardware needed (scripts/radio/run.sh).
+test-radio: configure
+	@./scripts/setup.sh $(RADIO_PACKAGES)
+	@cmake --build $(BUILD) -j $(JOBS) --target tqble_cli tqble_radio
+	@./scripts/radio/run.sh $(BUILD)
+
+# The BlueZ suites, whose bus thread hands over to the main queue, under ThreadSanitizer.
 test-tsan: setup
 	@cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTQBLE_TSAN=ON -DTQBLE_BUILD_BENCH=OFF >/dev/null
 	@cmake --build build-tsan -j $(JOBS) --target tqble_tests

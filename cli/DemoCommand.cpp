@@ -168,7 +168,7 @@ class Demo {
 
     section("Disconnect");
     manager_->stopConnectPeripheral(manager_->connectedPheral(), nullptr);
-    waitFor([this] { return !connected_; }, 1s, "the disconnection");
+    waitFor([this] { return !connected_; }, simulated_ ? 1s : 10s, "the disconnection");
     std::printf("  disconnected; %d value updates reached the delegate in all\n", updates_);
   }
 
@@ -187,7 +187,8 @@ class Demo {
     answer_.reset();
     lastModel_.reset();
     issue(*manager_);
-    waitFor([this] { return answer_.has_value() && manager_->cmdType() == 0; }, 2s, "an answer");
+    waitFor([this] { return answer_.has_value() && manager_->cmdType() == 0; }, simulated_ ? 2s : 10s,
+            "an answer");
     showExchange();
   }
 

@@ -28,5 +28,7 @@ int runHistory(const std::vector<std::string>& args);
 extern const char kScanUsage[], kSurveyUsage[], kWatchUsage[], kHistoryUsage[];
 /// `tqble run`'s usage, with the command list.
 void printRunUsage(std::FILE* out);
+/// `tqble post`: a virtual charging post served on a real adapter through bluetoothd.
+int runPost(const std::vector<std::string>& args);
 
 }  // namespace tqble::cli

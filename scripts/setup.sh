@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build and the tests need, once; safe to run again.
+# Installs the Debian packages the build and the tests need, and any named as arguments,
+# once; safe to run again.
 # As root it calls apt-get directly, otherwise through sudo (asking for the password
 # once, on the terminal). apt's own output goes to build/setup.log.
 set -euo pipefail
@@ -11,6 +12,7 @@ packages=(
   libicu-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libsdbus-c++-dev libsystemd-dev dbus
+  "$@"
 )
 
 missing=()

@@ -95,6 +95,8 @@ TEST(CommandLineTool, PrintsTheExactFrameOrJsonWithHeaderWarningsLogsWhereAskedA
       {"$TQBLE run - volume", 2, "", "tqble run: volume: missing <volume> (see 'tqble help run')\n"},
       {"$TQBLE run - state --backend nope 2>&1", 2, "~tqble run: unknown backend 'nope' (built in: sim", ""},
       {"$TQBLE watch", 2, "", "tqble watch: missing POST (see 'tqble help watch')\n"},
+      {"$TQBLE post --state asleep", 2, "", "tqble post: unknown state 'asleep' (see 'tqble post --help')\n"},
+      {"$TQBLE post --late 1", 2, "", "tqble post: bad --late '1' (want INDEX:MS) (see 'tqble post --help')\n"},
   });
   // clang-format on
 }

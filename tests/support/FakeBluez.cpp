@@ -420,25 +420,41 @@ void FakeBluez::expire(const std::shared_ptr<sim::VirtualPost>& post) { removeDe
 void FakeBluez::setPowered(bool on, const std::string& adapter) {
   Adapter& a = *adapters_.at(adapter);
   a.powered = on;
+  if (on) return a.object->set(kAdapterI, "Powered", BusValue(on));
+  // The controller's links end before bluetoothd reports the power change.
+  for (auto& d : devices_) {
+    if (d->adapter == adapter && d->object && d->connected) disconnect(*d);
+  }
   a.object->set(kAdapterI, "Powered", BusValue(on));
-  if (on) return;
   a.discoverers.clear();
   ++a.session;
   for (auto& d : devices_) {
-    if (d->adapter != adapter || !d->object) continue;
-    if (d->connected) disconnect(*d);
-    removeDevice(*d);  // temporary devices go with the power
+    if (d->adapter == adapter && d->object) removeDevice(*d);  // temporary devices go with the power
   }
 }
 
 void FakeBluez::restart() {
+  // bluetoothd powers its adapters off as it stops, and on again once it is back.
+  std::vector<std::string> powered;
+  for (auto& [name, a] : adapters_) {
+    if (a->powered) powered.push_back(name);
+  }
+  for (const auto& name : powered) {
+    if (adapters_.at(name)->object) setPowered(false, name);
+  }
   leave();
   own();
   for (auto& [name, a] : adapters_) {
-    const bool powered = a->powered;
     a.reset();
-    exportAdapter(name, powered);
+    exportAdapter(name, false);
   }
+  // It powers them some time after coming up, as its own start-up does.
+  MainQueue::main().asyncAfter(50ms, [this, alive = std::weak_ptr<bool>(alive_), powered] {
+    if (!alive.lock()) return;
+    for (const auto& name : powered) {
+      if (adapters_.count(name) && adapters_.at(name)->object) setPowered(true, name);
+    }
+  });
 }
 
 void FakeBluez::leave() {

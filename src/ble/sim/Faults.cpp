@@ -26,4 +26,14 @@ std::vector<Piece> cutAnswer(const Bytes& answer, const Faults& faults, const Ti
   return pieces;
 }
 
+AnswerPlan planAnswer(const Bytes& answer, Faults& faults, const Timing& timing) {
+  // A link loss armed now applies to this answer only.
+  const auto dropAfter = faults.dropLinkAfterNotifications;
+  faults.dropLinkAfterNotifications.reset();
+  if (dropAfter && *dropAfter == 0) return AnswerPlan{{}, true};
+  AnswerPlan plan{cutAnswer(answer, faults, timing), false};
+  if (dropAfter && *dropAfter <= plan.pieces.size()) plan.pieces[*dropAfter - 1].dropLinkAfter = true;
+  return plan;
+}
+
 }  // namespace tqble::sim

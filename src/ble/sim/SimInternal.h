@@ -154,9 +154,18 @@ struct Piece {
   Bytes bytes;
   std::chrono::nanoseconds due{0};  ///< after the answer starts
   bool lost = false;
+  bool dropLinkAfter = false;  ///< the link is lost once this piece is sent
 };
 
 /// Cuts an answer into notifications by the faults in force, with their timing.
 std::vector<Piece> cutAnswer(const Bytes& answer, const Faults& faults, const Timing& timing);
+
+/// An answer as the post sends it: its pieces, and whether the link is lost before any.
+struct AnswerPlan {
+  std::vector<Piece> pieces;
+  bool dropLinkFirst = false;
+};
+/// Cuts an answer and applies the link loss armed in `faults`, which it uses up.
+AnswerPlan planAnswer(const Bytes& answer, Faults& faults, const Timing& timing);
 
 }  // namespace tqble::sim

@@ -147,19 +147,13 @@ void SimPeripheral::writeValue(const Bytes& data, const std::shared_ptr<ble::Cha
 }
 
 void SimPeripheral::deliverAnswer(const Bytes& answer) {
-  Faults& faults = post_->faults();
-  const auto pieces = cutAnswer(answer, faults, SimRadio::shared().timing());
-  // A link loss armed now applies to this answer only.
-  const auto dropAfter = faults.dropLinkAfterNotifications;
-  faults.dropLinkAfterNotifications.reset();
-  if (dropAfter && *dropAfter == 0) {
+  const AnswerPlan plan = planAnswer(answer, post_->faults(), SimRadio::shared().timing());
+  if (plan.dropLinkFirst) {
     post_->dropLink();
     return;
   }
-  for (std::size_t i = 0; i < pieces.size(); ++i) {
-    const Piece& piece = pieces[i];
-    const bool dropAfterThis = dropAfter && *dropAfter == i + 1;
-    later(piece.due, [piece, dropAfterThis](SimPeripheral& self) {
+  for (const Piece& piece : plan.pieces) {
+    later(piece.due, [piece](SimPeripheral& self) {
       if (!piece.lost && self.notifying_ && self.readCharacteristic_) {
         self.readCharacteristic_->setValue(piece.bytes);
         if (auto d = self.liveDelegate()) {
@@ -167,7 +161,7 @@ void SimPeripheral::deliverAnswer(const Bytes& answer) {
                                              std::nullopt);
         }
       }
-      if (dropAfterThis) self.post_->dropLink();
+      if (piece.dropLinkAfter) self.post_->dropLink();
     });
   }
 }
