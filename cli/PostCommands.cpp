@@ -262,6 +262,10 @@ int runScan(const std::vector<std::string>& args) {
         [] { return false; },
         std::chrono::milliseconds(static_cast<std::int64_t>(o.seconds * 1000)));
     session.client->stopScan();
+    if (const std::string note = session.client->radioNote(); seen.empty() && !note.empty()) {
+      std::fprintf(stderr, "tqble scan: nothing heard%s\n", note.c_str());
+      return 3;
+    }
     return 0;
   });
 }

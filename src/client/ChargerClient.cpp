@@ -195,12 +195,30 @@ void ChargerClient::armConnectTimeout() {
     }
     const auto e = finding
                        ? error(ClientErrorKind::NotFound,
-                               c.wanted_.empty() ? std::string("no post heard")
-                                                 : "no post named '" + c.wanted_ + "' heard")
+                               (c.wanted_.empty() ? std::string("no post heard")
+                                                  : "no post named '" + c.wanted_ + "' heard") +
+                                   c.radioNote())
                        : error(ClientErrorKind::TimedOut, "the link did not become ready in time");
     c.connectDone(&e);
     c.failAll(e);  // requests kept for a reconnection that did not come
   });
+}
+
+// Why nothing could be heard when the radio is not on: no bluetoothd, no adapter, no
+// access to the bus, or an adapter switched off.
+std::string ChargerClient::radioNote() const {
+  switch (manager_->centralManager()->state()) {
+    case ble::CentralManagerStatePoweredOn:
+      return "";
+    case ble::CentralManagerStateUnsupported:
+      return " (the radio is unsupported here: no Bluetooth daemon or adapter)";
+    case ble::CentralManagerStateUnauthorized:
+      return " (the radio is not authorized: access to the Bluetooth daemon denied)";
+    case ble::CentralManagerStatePoweredOff:
+      return " (the Bluetooth adapter is powered off)";
+    default:
+      return " (the radio is not ready)";
+  }
 }
 
 void ChargerClient::linkUp(const PeripheralPtr& peripheral) {

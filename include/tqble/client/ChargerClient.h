@@ -179,6 +179,9 @@ class ChargerClient {
   void connect(const std::string& nameOrIdentifier, Completion<PeripheralPtr> done);
   /// Closes the link; queued and running requests fail with NotConnected. No reconnection.
   void disconnect();
+  /// Why the radio cannot hear posts (" (the Bluetooth adapter is powered off)"); empty when
+  /// it is on.
+  std::string radioNote() const;
   /// Whether the link is ready.
   bool ready() const { return link_ == Link::Ready; }
   /// The post of the current (or last) link.
