@@ -1,11 +1,11 @@
 #include "support/FakeBluez.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <functional>
 #include <stdexcept>
 
 #include "../src/ble/sim/SimInternal.h"
+#include "support/Hex.h"
 #include "tqble/platform/MainQueue.h"
 
 namespace tqble::test {
@@ -25,13 +25,6 @@ constexpr std::uint16_t kMtu = 23;
 constexpr auto kAdvertisingInterval = 50ms;
 
 std::string full(const std::string& shortId) { return "0000" + shortId + "-0000-1000-8000-00805f9b34fb"; }
-
-std::string hex(const Bytes& bytes) {
-  std::string out;
-  char b[3];
-  for (auto x : bytes) std::snprintf(b, sizeof b, "%02X", x), out += b;
-  return out;
-}
 
 std::string lower(std::string s) {
   std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -333,7 +326,7 @@ void FakeBluez::exportGatt(Device& d, bool charger) {
       const auto* type = call.args().at(1).at("type");
       // Without a type, a characteristic that also takes requests gets a request.
       const std::string kind = type && type->as<std::string>() ? *type->as<std::string>() : "request";
-      calls_.push_back("WriteValue " + uuid + " " + kind + " " + hex(data));
+      calls_.push_back("WriteValue " + uuid + " " + kind + " " + spaced(data, ""));
       if (!d || !d->connected) return fail(call, "Failed", "Not connected");
       if (kind == "command" && data.size() > kMtu - 3u) return fail(call, "Failed", "Failed to initiate write");
       const auto link = d->link;
