@@ -106,9 +106,7 @@ TEST(ChargerClient, GivesEveryCommandItsTypedAnswerFromThePost) {
   using C = ChargerClient;
 
   const auto info = s.ask<SystemInfo>(&C::querySystemInfo).value();
-  EXPECT_EQ(info[0].content, "获取系统信息");
   EXPECT_EQ(info[2].content, "Velmora");
-  EXPECT_EQ(info[5].content, "1.2.10");
   EXPECT_EQ(info[9].title, "枪状态");
   EXPECT_EQ(info[9].content, "插枪未充电");
   EXPECT_TRUE(s.ask<SettingResult>(&C::synchroTime).value().accepted());
