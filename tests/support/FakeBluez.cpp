@@ -60,17 +60,11 @@ struct FakeBluez::Device {
 
 FakeBluez::FakeBluez() {
   own();
-  exportAdapter("hci0", true);
+  addAdapter("hci0", true);
 }
 
-FakeBluez::~FakeBluez() {
-  for (auto& d : devices_) {
-    d->gatt.clear();
-    d->object.reset();
-  }
-  adapters_.clear();
-  root_.reset();
-}
+// Members go in reverse order: devices, adapters, the object manager, then the bus.
+FakeBluez::~FakeBluez() = default;
 
 void FakeBluez::own() {
   bus_ = bluez::Bus::openSystem();
@@ -84,7 +78,7 @@ std::string FakeBluez::pathOf(const sim::PostSetup& setup, const std::string& ad
   return "/org/bluez/" + adapter + "/dev_" + address;
 }
 
-void FakeBluez::exportAdapter(const std::string& name, bool powered) {
+void FakeBluez::addAdapter(const std::string& name, bool powered) {
   auto a = std::make_unique<Adapter>();
   a->name = name;
   a->path = "/org/bluez/" + name;
@@ -141,8 +135,6 @@ void FakeBluez::exportAdapter(const std::string& name, bool powered) {
   o.emitAdded();
   adapters_[name] = std::move(a);
 }
-
-void FakeBluez::addAdapter(const std::string& name, bool powered) { exportAdapter(name, powered); }
 
 void FakeBluez::removeAdapter(const std::string& name) {
   setPowered(false, name);
@@ -430,7 +422,7 @@ void FakeBluez::restart() {
   for (auto& [name, a] : adapters_) {
     const bool powered = a->powered;
     a.reset();
-    exportAdapter(name, powered);
+    addAdapter(name, powered);
   }
 }
 
