@@ -64,12 +64,9 @@ TEST(BluezManager, ServesEveryCommandFromTheCallToTheDelegate) {
   } steps[] = {
       {"time sync", nullptr, [](TQBleManager& m) { m.synchroTimeWithError(nullptr); }, 1},
       {"volume", nullptr, [](TQBleManager& m) { m.setVolumeWithVolumeSize(35, nullptr); }, 1},
-      {"reservation", nullptr, [](TQBleManager& m) { m.orderChargerWithStartHour(22, 30, 6, 0, nullptr); }, 1},
       {"start", [](sim::PostModel& p) { p.plugIn(); }, [](TQBleManager& m) { m.startChargingWithError(nullptr); }, 1},
       {"state", nullptr, [](TQBleManager& m) { m.queryChargerStateWithError(nullptr); }, 2},
       {"stop", nullptr, [](TQBleManager& m) { m.stopChargeWithError(nullptr); }, 1},
-      {"history", nullptr, [](TQBleManager& m) { m.queryHistoryChargingListWithError(nullptr); }, 2},
-      {"energy", nullptr, [](TQBleManager& m) { m.queryCumulationElecQuantityWithError(nullptr); }, 1},
       {"error log", [](sim::PostModel& p) { p.raiseFault(sim::FaultOverVoltage); },
        [](TQBleManager& m) { m.queryHistoryErrorLogListWithError(nullptr); }, 1},
       {"diagnostics", nullptr, [](TQBleManager& m) { m.runningDiagnosticInfoWithError(nullptr); }, 4},

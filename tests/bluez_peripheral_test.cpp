@@ -75,7 +75,7 @@ TEST_F(BluezSession, EveryReadAndEveryNotificationIsExactlyOneValueUpdate) {
   Lines expected;
   for (std::size_t at = 0; at < answer.size(); at += at < 6 ? 1 : 20) {
     const std::size_t size = at < 6 ? 1 : std::min<std::size_t>(20, answer.size() - at);
-    expected.push_back("update FFF4 " + hexOf(Bytes(answer.begin() + at, answer.begin() + at + size)));
+    expected.push_back("update FFF4 " + spaced(Bytes(answer.begin() + at, answer.begin() + at + size), ""));
   }
   ASSERT_TRUE(runUntil([&] { return recorder->events.size() >= expected.size(); }));
   settle();

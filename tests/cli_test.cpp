@@ -47,8 +47,6 @@ TEST(CommandLineTool, PrintsTheExactFrameOrJsonWithHeaderWarningsLogsWhereAskedA
   // command, exit status, the whole output or (after '~') a part of it, the log or error
   // clang-format off
   expectRuns({
-      {"$TQBLE frame setVolumeWithVolumeSize 35", 0, "68 B2 00 00 01 00 00 EE 35  setVolumeWithVolumeSize 0xB2\n", ""},
-      {"$TQBLE frame setVolumeWithVolumeSize 5", 0, "68 B2 00 00 00 00 00 DA  setVolumeWithVolumeSize 0xB2\n", ""},
       {"$TQBLE frame orderChargerWithStartHour 22 30 6 0", 0,
        "68 B3 00 00 05 00 00 D1 01 16 1E 06 00  orderChargerWithStartHour 0xB3\n", ""},
       {"$TQBLE frame synchroTimeWithError --time 1700000000", 0,

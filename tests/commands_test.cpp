@@ -109,8 +109,8 @@ TEST_P(Command, FailsLocallyOnceWithItsTagAlreadyRecorded) {
   stack.manager->didConnectPeripheral(*stack.central, post);
   GetParam().issue(*stack.manager, record);  // connected, characteristics unknown
   ASSERT_EQ(errors.size(), 2u);
-  EXPECT_EQ(errors[0].code, 1002);
-  EXPECT_EQ(errors[1].code, 1001);
+  EXPECT_EQ(errors[0], (TQError{"没有连接的外设", 1002, {}}));
+  EXPECT_EQ(errors[1], (TQError{"蓝牙写入特征为空，请检查蓝牙连接设备", 1001, {}}));
   EXPECT_TRUE(post->writes.empty());
 }
 

@@ -92,13 +92,6 @@ TEST(MainQueue, RealClockRunUntilNeverSleepsOverATaskHandedOverWhileItLooked) {
   EXPECT_EQ(late, 0);
 }
 
-TEST(MainQueue, RealClockRunForWaitsForADelayedTask) {
-  auto& queue = MainQueue::main();
-  bool ran = false;
-  queue.asyncAfter(20ms, [&] { ran = true; });
-  EXPECT_TRUE(queue.runUntil([&] { return ran; }, 2s));
-}
-
 TEST(NotificationCenter, DeliversToObserversOfTheNameUntilRemoved) {
   auto& center = NotificationCenter::defaultCenter();
   std::vector<std::string> seen;

@@ -16,18 +16,6 @@ struct HandlerLog {
   }
 };
 
-TEST(WritePath, ReportsEachLocalFailureOnceWithItsExactErrorAndWritesNothing) {
-  FakeStack stack;
-  auto post = std::make_shared<FakePeripheral>();  // connected but nothing discovered
-  HandlerLog log;
-  stack.manager->writeData(test::hex("68 b5"), nullptr, log.handler());
-  stack.manager->writeData(test::hex("68 b5"), post, log.handler());
-  ASSERT_EQ(log.errors.size(), 2u);
-  EXPECT_EQ(log.errors[0], (TQError{"没有连接的外设", 1002, {}}));
-  EXPECT_EQ(log.errors[1], (TQError{"蓝牙写入特征为空，请检查蓝牙连接设备", 1001, {}}));
-  EXPECT_TRUE(post->writes.empty());
-}
-
 TEST(WritePath, WritesTheWholeFrameOnceWithoutResponseEvenToAStaleCharacteristic) {
   FakeStack stack;
   auto first = stack.connectReadyPost();

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdio>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "support/FakeBluez.h"
+#include "support/Hex.h"
 #include "support/PrivateBus.h"
 #include "tqble/ble/CentralManager.h"
 #include "tqble/platform/MainQueue.h"
@@ -22,13 +22,6 @@
 namespace tqble::test {
 
 using namespace std::chrono_literals;
-
-inline std::string hexOf(const Bytes& bytes) {
-  std::string out;
-  char b[3];
-  for (auto x : bytes) std::snprintf(b, sizeof b, "%02X", x), out += b;
-  return out;
-}
 
 class Recorder final : public ble::CentralManagerDelegate, public ble::PeripheralDelegate {
  public:
@@ -73,7 +66,7 @@ class Recorder final : public ble::CentralManagerDelegate, public ble::Periphera
   }
   void didUpdateValueForCharacteristic(const std::shared_ptr<ble::Peripheral>&, const std::shared_ptr<ble::Characteristic>& c,
                                        const std::optional<TQError>& e) override {
-    note(), events.push_back("update " + c->uuid().UUIDString() + " " + hexOf(c->value()) + error(e));
+    note(), events.push_back("update " + c->uuid().UUIDString() + " " + spaced(c->value(), "") + error(e));
   }
   void didWriteValueForCharacteristic(const std::shared_ptr<ble::Peripheral>&, const std::shared_ptr<ble::Characteristic>& c,
                                       const std::optional<TQError>& e) override {

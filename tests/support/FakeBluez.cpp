@@ -1,11 +1,11 @@
 #include "support/FakeBluez.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <functional>
 #include <stdexcept>
 
 #include "../src/ble/sim/SimInternal.h"
+#include "support/Hex.h"
 #include "tqble/platform/MainQueue.h"
 
 namespace tqble::test {
@@ -25,13 +25,6 @@ constexpr std::uint16_t kMtu = 23;
 constexpr auto kAdvertisingInterval = 50ms;
 
 std::string full(const std::string& shortId) { return "0000" + shortId + "-0000-1000-8000-00805f9b34fb"; }
-
-std::string hex(const Bytes& bytes) {
-  std::string out;
-  char b[3];
-  for (auto x : bytes) std::snprintf(b, sizeof b, "%02X", x), out += b;
-  return out;
-}
 
 std::string lower(std::string s) {
   std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -67,17 +60,11 @@ struct FakeBluez::Device {
 
 FakeBluez::FakeBluez() {
   own();
-  exportAdapter("hci0", true);
+  addAdapter("hci0", true);
 }
 
-FakeBluez::~FakeBluez() {
-  for (auto& d : devices_) {
-    d->gatt.clear();
-    d->object.reset();
-  }
-  adapters_.clear();
-  root_.reset();
-}
+// Members go in reverse order: devices, adapters, the object manager, then the bus.
+FakeBluez::~FakeBluez() = default;
 
 void FakeBluez::own() {
   bus_ = bluez::Bus::openSystem();
@@ -91,7 +78,7 @@ std::string FakeBluez::pathOf(const sim::PostSetup& setup, const std::string& ad
   return "/org/bluez/" + adapter + "/dev_" + address;
 }
 
-void FakeBluez::exportAdapter(const std::string& name, bool powered) {
+void FakeBluez::addAdapter(const std::string& name, bool powered) {
   auto a = std::make_unique<Adapter>();
   a->name = name;
   a->path = "/org/bluez/" + name;
@@ -148,8 +135,6 @@ void FakeBluez::exportAdapter(const std::string& name, bool powered) {
   o.emitAdded();
   adapters_[name] = std::move(a);
 }
-
-void FakeBluez::addAdapter(const std::string& name, bool powered) { exportAdapter(name, powered); }
 
 void FakeBluez::removeAdapter(const std::string& name) {
   setPowered(false, name);
@@ -333,7 +318,7 @@ void FakeBluez::exportGatt(Device& d, bool charger) {
       const auto* type = call.args().at(1).at("type");
       // Without a type, a characteristic that also takes requests gets a request.
       const std::string kind = type && type->as<std::string>() ? *type->as<std::string>() : "request";
-      calls_.push_back("WriteValue " + uuid + " " + kind + " " + hex(data));
+      calls_.push_back("WriteValue " + uuid + " " + kind + " " + spaced(data, ""));
       if (!d || !d->connected) return fail(call, "Failed", "Not connected");
       if (kind == "command" && data.size() > kMtu - 3u) return fail(call, "Failed", "Failed to initiate write");
       const auto link = d->link;
@@ -446,7 +431,7 @@ void FakeBluez::restart() {
   own();
   for (auto& [name, a] : adapters_) {
     a.reset();
-    exportAdapter(name, false);
+    addAdapter(name, false);
   }
   // It powers them some time after coming up, as its own start-up does.
   MainQueue::main().asyncAfter(50ms, [this, alive = std::weak_ptr<bool>(alive_), powered] {

@@ -68,7 +68,6 @@ class FakeBluez {
 
  private:
   void own();
-  void exportAdapter(const std::string& name, bool powered);
   void exportDevice(Device& d);
   void exportGatt(Device& d, bool charger);
   void removeDevice(Device& d);

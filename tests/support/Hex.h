@@ -20,12 +20,12 @@ inline Bytes hex(const std::string& text) {
   return bytes;
 }
 
-/// Upper-case spaced hex of bytes, for readable failure messages ("68 B5 00").
-inline std::string spaced(const Bytes& bytes) {
+/// Upper-case hex of bytes, spaced for readable failure messages ("68 B5 00") or with another gap.
+inline std::string spaced(const Bytes& bytes, const char* gap = " ") {
   static const char kDigits[] = "0123456789ABCDEF";
   std::string text;
   for (std::uint8_t b : bytes) {
-    if (!text.empty()) text.push_back(' ');
+    if (!text.empty()) text += gap;
     text.push_back(kDigits[b >> 4]);
     text.push_back(kDigits[b & 15]);
   }
