@@ -1,9 +1,10 @@
 # The two commands of the README: `make demo` and `make test`.
 BUILD ?= build
+FUZZ_SECONDS ?= 60
 SANITIZE ?= OFF
 JOBS ?= $(shell nproc)
 
-.PHONY: all setup configure build test demo bench clean format
+.PHONY: all setup configure build test demo bench fuzz memcheck clean format
 
 all: build
 
@@ -28,8 +29,18 @@ bench: setup
 	@cmake --build build-release -j $(JOBS) --target tqble_bench
 	@build-release/bench/tqble_bench
 
+# Each libFuzzer harness for FUZZ_SECONDS, built with clang in build-fuzz.
+fuzz: setup
+	@FUZZ_SECONDS=$(FUZZ_SECONDS) JOBS=$(JOBS) ./scripts/fuzz.sh
+
+# Every test under valgrind (slow): a plain Debug build in build-memcheck.
+memcheck: setup
+	@cmake -S . -B build-memcheck -DCMAKE_BUILD_TYPE=Debug -DTQBLE_BUILD_BENCH=OFF >/dev/null
+	@cmake --build build-memcheck -j $(JOBS)
+	@cd build-memcheck && ctest -T memcheck -j $(JOBS) --output-on-failure
+
 format:
 	@clang-format -i $$(git ls-files '*.h' '*.cpp')
 
 clean:
-	@rm -rf $(BUILD) build-release
+	@rm -rf $(BUILD) build-release build-fuzz build-memcheck
