@@ -15,11 +15,13 @@ using T = ZDataCoverTool;
 namespace {
 
 bool isAscii(const std::string& s) {
-  return std::all_of(s.begin(), s.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  return std::all_of(s.begin(), s.end(),
+                     [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
 bool isLowerHex(const std::string& s) {
-  return std::all_of(s.begin(), s.end(), [](char c) { return std::strchr("0123456789abcdef", c) && c; });
+  return std::all_of(s.begin(), s.end(),
+                     [](char c) { return std::strchr("0123456789abcdef", c) && c; });
 }
 
 }  // namespace
@@ -50,7 +52,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (isAscii(text)) {
     // Character counts equal byte counts only for ASCII text.
     expect(T::hexToBytes(text).size() == size / 2, "one byte per complete pair");
-    expect(T::coverFromHexStringToStr(text).has_value() == (size % 2 == 0), "odd length is nullopt");
+    expect(T::coverFromHexStringToStr(text).has_value() == (size % 2 == 0),
+           "odd length is nullopt");
     cutsWhenLongEnough(size < 8, "the 4-byte field needs 8 characters",
                        [&] { T::coverToIntFrome4BytesHexStr(text); });
     cutsWhenLongEnough(size % 2 == 1 || size > 256, "the 128-byte buffer takes pairs up to 256",
@@ -69,7 +72,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   expect(T::setId(static_cast<std::int32_t>(wide)).size() == 4, "four bytes");
   expect(T::setDa(T::setId(static_cast<std::int32_t>(wide))) == static_cast<std::int32_t>(wide),
          "setDa reads setId back");
-  expect(T::coverToBytesWtinDataFromLongData(wide) == T::coverToByteWithData(static_cast<std::int32_t>(wide)),
+  expect(T::coverToBytesWtinDataFromLongData(wide) ==
+             T::coverToByteWithData(static_cast<std::int32_t>(wide)),
          "the low four bytes, least significant first");
   cutsWhenLongEnough(size < 4, "four bytes", [&] { T::setDa(bytes); });
   cutsWhenLongEnough(size < 2, "two bytes", [&] { T::coverTo2ByteIntWithDa(bytes); });

@@ -23,7 +23,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   });
   cutsWhenLongEnough(n < 32, "live data needs 32 bytes", [&] { decode::chargingData(answer); });
   cutsWhenLongEnough(n < 12, "energy needs 12 bytes", [&] { decode::cumulativeEnergy(answer); });
-  cutsWhenLongEnough(n < 54, "diagnostics need 54 bytes", [&] { decode::runningDiagnosis(answer); });
+  cutsWhenLongEnough(n < 54, "diagnostics need 54 bytes",
+                     [&] { decode::runningDiagnosis(answer); });
 
   // The error log trusts its count: the last entry's code ends at byte 8 * count + 8.
   const std::size_t count = n > 10 ? answer[10] : 0;

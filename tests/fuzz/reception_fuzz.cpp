@@ -4,6 +4,7 @@
 // After every event the manager must hold what a small model of the end-of-answer
 // rules says: pending tag, gathered buffer, dispatched answers, delegate calls,
 // handler errors, writes and the record handed out.
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -46,24 +47,32 @@ struct Model {
   void command(std::int64_t newTag, bool clearsBuffer, bool ours = true) {
     tag = newTag;
     if (clearsBuffer) buffer.clear();
-    if (connected && writeKnown) ++writes;
-    else if (ours) errors.push_back(connected ? 1001 : 1002);
+    if (connected && writeKnown)
+      ++writes;
+    else if (ours)
+      errors.push_back(connected ? 1001 : 1002);
   }
 
   /// One notified chunk; returns the tag dispatched to, if the chunk completed an answer.
   std::optional<std::int64_t> receive(const Bytes& chunk) {
-    const auto append = [&] { buffer.insert(buffer.end(), chunk.begin(), chunk.end()); };
-    bool complete = false;
-    switch (tag) {
-      case 2: append(); complete = buffer.size() == 67; break;
-      case 13: append(); complete = buffer.size() == 66; break;
-      case 6: append(); complete = buffer.size() == 26 || buffer.size() == 12; break;
-      case 8: case 14: case 15: append(); complete = chunk.size() != 20; break;
-      case 1: case 3: case 4: case 5: append(); complete = true; break;
-      case 9: buffer = chunk; complete = buffer.size() == 13; break;
-      case 7: decoded(7, chunk); tag = 0; return 7;  // the chunk alone; the buffer stays
-      default: return std::nullopt;
+    if (tag == 7) {  // the chunk alone; the buffer stays
+      decoded(7, chunk);
+      tag = 0;
+      return 7;
     }
+    const auto in = [this](std::initializer_list<std::int64_t> tags) {
+      return std::find(tags.begin(), tags.end(), tag) != tags.end();
+    };
+    if (tag == 9) {
+      buffer.clear();  // only this chunk counts
+    } else if (!in({1, 2, 3, 4, 5, 6, 8, 13, 14, 15})) {
+      return std::nullopt;
+    }
+    buffer.insert(buffer.end(), chunk.begin(), chunk.end());
+    const std::size_t n = buffer.size();
+    const bool complete = in({1, 3, 4, 5}) || (tag == 2 && n == 67) || (tag == 13 && n == 66) ||
+                          (tag == 6 && (n == 26 || n == 12)) || (tag == 9 && n == 13) ||
+                          (in({8, 14, 15}) && chunk.size() != 20);
     if (!complete) return std::nullopt;
     const auto dispatched = tag;
     decoded(tag, buffer);
@@ -106,10 +115,10 @@ struct Harness {
   Harness() {
     MainQueue::main().useVirtualClock();
     delegate->didUpdateValueForCharacteristicValue =
-        [this](TQBleManager&, const std::shared_ptr<TQBleDataModel>& model, const std::optional<TQError>& error) {
-          reports.push_back(reportOf(*model, error));
-        };
-    stack.manager->addAnswerObserver([this](std::int64_t tag, const Bytes& answer) { taps.emplace_back(tag, answer); });
+        [this](TQBleManager&, const std::shared_ptr<TQBleDataModel>& model,
+               const std::optional<TQError>& error) { reports.push_back(reportOf(*model, error)); };
+    stack.manager->addAnswerObserver(
+        [this](std::int64_t tag, const Bytes& answer) { taps.emplace_back(tag, answer); });
     setLogSink([this](std::string_view line) { readErrorLines += line == "读取特征值有误"; });
   }
 
@@ -156,24 +165,26 @@ struct Harness {
   }
 };
 
+using M = TQBleManager;
+using H = const TQErrorHandler&;
 struct Command {
-  void (*issue)(TQBleManager&, const TQErrorHandler&);
+  void (*issue)(M&, H);
   std::int64_t tag;
   bool clearsBuffer;
 };
 const Command kCommands[] = {
-    {[](TQBleManager& m, const TQErrorHandler& h) { m.synchroTimeWithError(h); }, 1, false},
-    {[](TQBleManager& m, const TQErrorHandler& h) { m.querySystemInfoWithError(h); }, 2, true},
-    {[](TQBleManager& m, const TQErrorHandler& h) { m.setVolumeWithVolumeSize(35, h); }, 3, false},
-    {[](TQBleManager& m, const TQErrorHandler& h) { m.orderChargerWithStartHour(22, 30, 6, 0, h); }, 4, false},
-    {[](TQBleManager& m, const TQErrorHandler& h) { m.startChargingWithError(h); }, 5, false},
-    {[](TQBleManager& m, const TQErrorHandler& h) { m.queryChargerStateWithError(h); }, 6, true},
-    {[](TQBleManager& m, const TQErrorHandler& h) { m.stopChargeWithError(h); }, 7, false},
-    {[](TQBleManager& m, const TQErrorHandler& h) { m.queryChargingDataWithError(h); }, 6, false},
-    {[](TQBleManager& m, const TQErrorHandler& h) { m.queryHistoryChargingListWithError(h); }, 8, false},
-    {[](TQBleManager& m, const TQErrorHandler& h) { m.queryCumulationElecQuantityWithError(h); }, 9, false},
-    {[](TQBleManager& m, const TQErrorHandler& h) { m.queryHistoryErrorLogListWithError(h); }, 15, false},
-    {[](TQBleManager& m, const TQErrorHandler& h) { m.runningDiagnosticInfoWithError(h); }, 13, false},
+    {[](M& m, H h) { m.synchroTimeWithError(h); }, 1, false},
+    {[](M& m, H h) { m.querySystemInfoWithError(h); }, 2, true},
+    {[](M& m, H h) { m.setVolumeWithVolumeSize(35, h); }, 3, false},
+    {[](M& m, H h) { m.orderChargerWithStartHour(22, 30, 6, 0, h); }, 4, false},
+    {[](M& m, H h) { m.startChargingWithError(h); }, 5, false},
+    {[](M& m, H h) { m.queryChargerStateWithError(h); }, 6, true},
+    {[](M& m, H h) { m.stopChargeWithError(h); }, 7, false},
+    {[](M& m, H h) { m.queryChargingDataWithError(h); }, 6, false},
+    {[](M& m, H h) { m.queryHistoryChargingListWithError(h); }, 8, false},
+    {[](M& m, H h) { m.queryCumulationElecQuantityWithError(h); }, 9, false},
+    {[](M& m, H h) { m.queryHistoryErrorLogListWithError(h); }, 15, false},
+    {[](M& m, H h) { m.runningDiagnosticInfoWithError(h); }, 13, false},
 };
 
 Harness* harness = nullptr;
@@ -215,7 +226,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
           h.read->value_ = chunk;
           dispatched = model.receive(chunk);
           model.reported(std::nullopt);
-          m.didUpdateValueForCharacteristic(h.posts.empty() ? nullptr : h.posts.back(), h.read, std::nullopt);
+          m.didUpdateValueForCharacteristic(h.posts.empty() ? nullptr : h.posts.back(), h.read,
+                                            std::nullopt);
           break;
         }
         case 2:
@@ -260,7 +272,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     } catch (const std::out_of_range&) {
       // The list and live-data decoders cut by a count or a position the answer may
       // not reach; what the manager holds after that is not defined, so the script ends.
-      expect(dispatched == 8 || dispatched == 14 || dispatched == 15, "range error only from a list or live data");
+      expect(dispatched == 8 || dispatched == 14 || dispatched == 15,
+             "range error only from a list or live data");
       ++fuzz::rangeErrors;
       return 0;
     }

@@ -30,7 +30,8 @@ std::optional<std::int32_t> utf16Length(const std::string& s) {
 bool mobileNumber(const std::string& s) {
   auto digit = [](char c) { return c >= '0' && c <= '9'; };
   if (s.size() != 11 || s[0] != '1' || s[1] < '1' || s[1] > '9') return false;
-  const bool third = s[1] == '5' ? digit(s[2]) && s[2] != '4' : digit(s[2]) || (s[1] == '8' && s[2] == ',');
+  const bool third =
+      s[1] == '5' ? digit(s[2]) && s[2] != '4' : digit(s[2]) || (s[1] == '8' && s[2] == ',');
   return third && std::all_of(s.begin() + 3, s.end(), digit);
 }
 
@@ -51,7 +52,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   expect(ZGeneralTool::coverToStrFromArr(pieces) == text, "joining the pieces gives the text");
 
   std::vector<std::optional<std::string>> times;
-  for (const auto& piece : pieces) times.push_back(piece.empty() ? std::nullopt : std::optional(piece));
+  for (const auto& piece : pieces)
+    times.push_back(piece.empty() ? std::nullopt : std::optional(piece));
   auto sorted = ZGeneralTool::sortWithTimeIntervalFromTimeStrs(times);
   std::sort(times.begin(), times.end());
   std::sort(sorted.begin(), sorted.end());
@@ -65,7 +67,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   expect(at >= 0 && (!length || at < std::max(*length, 1)), "a position inside the content");
 
   const auto hourMark = text.find("时");
-  const bool noMarks = hourMark == std::string::npos || text.find("分", hourMark) == std::string::npos;
+  const bool noMarks =
+      hourMark == std::string::npos || text.find("分", hourMark) == std::string::npos;
   cutsWhenLongEnough(noMarks, "a duration needs 时 then 分", [&] {
     const auto seconds = ZConverTool::converTimeWith(text);
     const auto hours = ZConverTool::subHourMinuteWithTimeStr(text, 0);
