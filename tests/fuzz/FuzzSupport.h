@@ -23,18 +23,16 @@ inline void expect(bool holds, const char* what) {
 }
 
 /// Runs `cut`, which must throw the range error exactly when `tooShort` holds.
-/// Returns whether it ran to the end.
 template <class Cut>
-bool cutsWhenLongEnough(bool tooShort, const char* what, Cut&& cut) {
+void rangeErrorExactlyWhen(bool tooShort, const char* what, Cut&& cut) {
   try {
     cut();
   } catch (const std::out_of_range&) {
     expect(tooShort, what);
     ++rangeErrors;
-    return false;
+    return;
   }
   expect(!tooShort, what);
-  return true;
 }
 
 /// Runs `cut`, counting a range error where its length rule is not checked.

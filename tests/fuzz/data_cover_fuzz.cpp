@@ -8,8 +8,8 @@
 #include "tqble/ZDataCoverTool.h"
 
 using namespace tqble;
-using fuzz::cutsWhenLongEnough;
 using fuzz::expect;
+using fuzz::rangeErrorExactlyWhen;
 using T = ZDataCoverTool;
 
 namespace {
@@ -54,10 +54,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     expect(T::hexToBytes(text).size() == size / 2, "one byte per complete pair");
     expect(T::coverFromHexStringToStr(text).has_value() == (size % 2 == 0),
            "odd length is nullopt");
-    cutsWhenLongEnough(size < 8, "the 4-byte field needs 8 characters",
-                       [&] { T::coverToIntFrome4BytesHexStr(text); });
-    cutsWhenLongEnough(size % 2 == 1 || size > 256, "the 128-byte buffer takes pairs up to 256",
-                       [&] { expect(T::coverFromHexStrToData(text).size() == 128, "128 bytes"); });
+    rangeErrorExactlyWhen(size < 8, "the 4-byte field needs 8 characters",
+                          [&] { T::coverToIntFrome4BytesHexStr(text); });
+    rangeErrorExactlyWhen(
+        size % 2 == 1 || size > 256, "the 128-byte buffer takes pairs up to 256",
+        [&] { expect(T::coverFromHexStrToData(text).size() == 128, "128 bytes"); });
   } else {
     T::hexToBytes(text);
     T::coverFromHexStringToStr(text);
@@ -75,8 +76,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   expect(T::coverToBytesWtinDataFromLongData(wide) ==
              T::coverToByteWithData(static_cast<std::int32_t>(wide)),
          "the low four bytes, least significant first");
-  cutsWhenLongEnough(size < 4, "four bytes", [&] { T::setDa(bytes); });
-  cutsWhenLongEnough(size < 2, "two bytes", [&] { T::coverTo2ByteIntWithDa(bytes); });
-  cutsWhenLongEnough(size < 1, "one byte", [&] { T::coverTo1ByteIntWithDa(bytes); });
+  rangeErrorExactlyWhen(size < 4, "four bytes", [&] { T::setDa(bytes); });
+  rangeErrorExactlyWhen(size < 2, "two bytes", [&] { T::coverTo2ByteIntWithDa(bytes); });
+  rangeErrorExactlyWhen(size < 1, "one byte", [&] { T::coverTo1ByteIntWithDa(bytes); });
   return 0;
 }

@@ -6,8 +6,8 @@
 #include "tqble/AnswerDecoding.h"
 
 using namespace tqble;
-using fuzz::cutsWhenLongEnough;
 using fuzz::expect;
+using fuzz::rangeErrorExactlyWhen;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   fuzz::setUp();
@@ -18,17 +18,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const Bytes answer(data, data + size);
   const std::size_t n = size;
 
-  cutsWhenLongEnough(n < 67, "system information needs 67 bytes", [&] {
+  rangeErrorExactlyWhen(n < 67, "system information needs 67 bytes", [&] {
     expect(decode::systemInfo(answer)[0] == "获取系统信息", "row 1 is the fixed text");
   });
-  cutsWhenLongEnough(n < 32, "live data needs 32 bytes", [&] { decode::chargingData(answer); });
-  cutsWhenLongEnough(n < 12, "energy needs 12 bytes", [&] { decode::cumulativeEnergy(answer); });
-  cutsWhenLongEnough(n < 54, "diagnostics need 54 bytes",
-                     [&] { decode::runningDiagnosis(answer); });
+  rangeErrorExactlyWhen(n < 32, "live data needs 32 bytes", [&] { decode::chargingData(answer); });
+  rangeErrorExactlyWhen(n < 12, "energy needs 12 bytes", [&] { decode::cumulativeEnergy(answer); });
+  rangeErrorExactlyWhen(n < 54, "diagnostics need 54 bytes",
+                        [&] { decode::runningDiagnosis(answer); });
 
   // The error log trusts its count: the last entry's code ends at byte 8 * count + 8.
   const std::size_t count = n > 10 ? answer[10] : 0;
-  cutsWhenLongEnough(n < 11 || n < 8 * count + 8, "error log cuts past its entries", [&] {
+  rangeErrorExactlyWhen(n < 11 || n < 8 * count + 8, "error log cuts past its entries", [&] {
     expect(decode::errorLog(answer).size() == count, "error log has count entries");
   });
 

@@ -11,8 +11,8 @@
 #include "tqble/ZGeneralTool.h"
 
 using namespace tqble;
-using fuzz::cutsWhenLongEnough;
 using fuzz::expect;
+using fuzz::rangeErrorExactlyWhen;
 
 namespace {
 
@@ -69,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto hourMark = text.find("时");
   const bool noMarks =
       hourMark == std::string::npos || text.find("分", hourMark) == std::string::npos;
-  cutsWhenLongEnough(noMarks, "a duration needs 时 then 分", [&] {
+  rangeErrorExactlyWhen(noMarks, "a duration needs 时 then 分", [&] {
     const auto seconds = ZConverTool::converTimeWith(text);
     const auto hours = ZConverTool::subHourMinuteWithTimeStr(text, 0);
     const auto minutes = ZConverTool::subHourMinuteWithTimeStr(text, 1);
@@ -79,8 +79,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   });
 
   if (length) {
-    cutsWhenLongEnough(*length < 7, "a masked number needs 7 characters",
-                       [&] { ZConverTool::coverPhoneNumber(text); });
+    rangeErrorExactlyWhen(*length < 7, "a masked number needs 7 characters",
+                          [&] { ZConverTool::coverPhoneNumber(text); });
   } else {
     fuzz::mayCut([&] { ZConverTool::coverPhoneNumber(text); });
   }
