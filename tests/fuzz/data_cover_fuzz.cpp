@@ -67,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
 
   std::int64_t wide = 0;
-  std::memcpy(&wide, data, std::min(size, sizeof wide));
+  if (size) std::memcpy(&wide, data, std::min(size, sizeof wide));
   const std::string upper = T::coverFromIntToHex(wide);
   expect(wide < 0 || (upper.size() >= 2 && upper.size() <= 9), "two to nine digits");
   expect(T::setId(static_cast<std::int32_t>(wide)).size() == 4, "four bytes");
