@@ -1,10 +1,21 @@
-# The two commands of the README: `make demo` and `make test`.
-BUILD ?= build
-FUZZ_SECONDS ?= 60
+# The two commands of the README: `make demo` and `make test` (after ./scripts/setup.sh
+# on a machine without make). Each configuration builds in a folder of its own, so
+# switching never rebuilds another: build/ by default, build-asan/ with SANITIZE=ON,
+# build-coverage/ with COVERAGE=ON, build-release/ for bench and package.
 SANITIZE ?= OFF
+COVERAGE ?= OFF
+ifeq ($(SANITIZE),ON)
+BUILD ?= build-asan
+else ifeq ($(COVERAGE),ON)
+BUILD ?= build-coverage
+else
+BUILD ?= build
+endif
 JOBS ?= $(shell nproc)
+FUZZ_SECONDS ?= 60
+RELEASE = cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DTQBLE_BUILD_TESTS=OFF >/dev/null
 
-.PHONY: all setup configure build test demo bench fuzz memcheck clean format
+.PHONY: all setup configure build test demo bench package check-fresh fuzz memcheck clean format
 
 all: build
 
@@ -12,7 +23,8 @@ setup:
 	@./scripts/setup.sh
 
 configure: setup
-	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTQBLE_SANITIZE=$(SANITIZE) >/dev/null
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTQBLE_SANITIZE=$(SANITIZE) \
+	  -DTQBLE_COVERAGE=$(COVERAGE) >/dev/null
 
 build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
@@ -25,9 +37,19 @@ demo: configure
 	@$(BUILD)/cli/tqble demo
 
 bench: setup
-	@cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DTQBLE_BUILD_TESTS=OFF >/dev/null
+	@$(RELEASE)
 	@cmake --build build-release -j $(JOBS) --target tqble_bench
 	@build-release/bench/tqble_bench
+
+# Debian packages libtqble1, libtqble-dev and tqble in build-release/.
+package: setup
+	@$(RELEASE)
+	@cmake --build build-release -j $(JOBS)
+	@cd build-release && { cpack >cpack.log 2>&1 || { cat cpack.log; false; }; } && ls -1 $(CURDIR)/build-release/*.deb
+
+# The two commands on a fresh minimal Debian 12 root, as root and as a user with sudo.
+check-fresh:
+	@./scripts/check-fresh-debian.sh
 
 # Each libFuzzer harness for FUZZ_SECONDS, built with clang in build-fuzz.
 fuzz: setup
@@ -43,4 +65,4 @@ format:
 	@clang-format -i $$(git ls-files '*.h' '*.cpp')
 
 clean:
-	@rm -rf $(BUILD) build-release build-fuzz build-memcheck
+	@rm -rf build build-asan build-coverage build-release build-fuzz build-memcheck

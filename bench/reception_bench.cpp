@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "platform/DateFormat.h"
 #include "tqble/AnswerDecoding.h"
 #include "tqble/TQBleManager.h"
 #include "tqble/platform/Log.h"
@@ -152,6 +153,18 @@ BENCHMARK(BM_DecodeHistory5);
 BENCHMARK(BM_DecodeCumulativeEnergy);
 BENCHMARK(BM_DecodeErrorLog5);
 BENCHMARK(BM_DecodeDiagnostics);
+
+// One post-time text, from the cached zone offsets and through ICU's formatter.
+// Post clocks an hour and a second apart, within the post clock's range.
+template <std::string (*Format)(std::int64_t)>
+void postTimeTexts(benchmark::State& s) {
+  std::int64_t t = 1'700'000'000;
+  for (auto _ : s) benchmark::DoNotOptimize(Format(t = t > 2'000'000'000 ? 0 : t + 3'601));
+}
+void BM_PostTimeText(benchmark::State& s) { postTimeTexts<detail::formatPostTime>(s); }
+void BM_PostTimeTextThroughICU(benchmark::State& s) { postTimeTexts<detail::formatPostTimeSlowly>(s); }
+BENCHMARK(BM_PostTimeText);
+BENCHMARK(BM_PostTimeTextThroughICU);
 
 }  // namespace
 

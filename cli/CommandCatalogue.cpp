@@ -11,12 +11,23 @@
 namespace tqble::cli {
 namespace {
 
-using Args = std::vector<std::int64_t>;
-
 // A command that takes only its completion handler.
 template <void (TQBleManager::*Operation)(const TQErrorHandler&)>
 void plain(TQBleManager& m, const Args&, const TQErrorHandler& error) {
   (m.*Operation)(error);
+}
+
+template <typename T>
+Completion<T> asJson(Completion<Json> done) {
+  return [done = std::move(done)](const Outcome<T>& o) {
+    done(o.ok() ? Outcome<Json>(toJson(o.value())) : Outcome<Json>(o.error()));
+  };
+}
+
+// A client request that takes only its completion.
+template <typename T, void (ChargerClient::*Request)(Completion<T>)>
+void ask(ChargerClient& c, const Args&, Completion<Json> done) {
+  (c.*Request)(asJson<T>(std::move(done)));
 }
 
 class WriteCharacteristic : public ble::Characteristic {
@@ -60,60 +71,57 @@ class RecordingPost : public ble::Peripheral {
 
 const std::vector<Command>& commands() {
   static const std::vector<Command> kCommands = {
-      {"synchroTimeWithError", {}, AnswerKind::Result, plain<&TQBleManager::synchroTimeWithError>},
-      {"querySystemInfoWithError",
-       {},
-       AnswerKind::SystemInfo,
-       plain<&TQBleManager::querySystemInfoWithError>},
-      {"setVolumeWithVolumeSize",
-       {"volume"},
-       AnswerKind::Result,
+      {"synchroTimeWithError", "time", {}, AnswerKind::Result,
+       plain<&TQBleManager::synchroTimeWithError>, ask<SettingResult, &ChargerClient::synchroTime>},
+      {"querySystemInfoWithError", "info", {}, AnswerKind::SystemInfo,
+       plain<&TQBleManager::querySystemInfoWithError>,
+       ask<SystemInfo, &ChargerClient::querySystemInfo>},
+      {"setVolumeWithVolumeSize", "volume", {"volume"}, AnswerKind::Result,
        [](TQBleManager& m, const Args& a, const TQErrorHandler& e) {
          m.setVolumeWithVolumeSize(a[0], e);
+       },
+       [](ChargerClient& c, const Args& a, Completion<Json> done) {
+         c.setVolume(a[0], asJson<SettingResult>(std::move(done)));
        }},
-      {"orderChargerWithStartHour",
-       {"startHour", "startMinute", "endHour", "endMinute"},
+      {"orderChargerWithStartHour", "reserve", {"startHour", "startMinute", "endHour", "endMinute"},
        AnswerKind::Result,
        [](TQBleManager& m, const Args& a, const TQErrorHandler& e) {
          m.orderChargerWithStartHour(a[0], a[1], a[2], a[3], e);
+       },
+       [](ChargerClient& c, const Args& a, Completion<Json> done) {
+         c.reserve(a[0], a[1], a[2], a[3], asJson<SettingResult>(std::move(done)));
        }},
-      {"startChargingWithError",
-       {},
-       AnswerKind::Result,
-       plain<&TQBleManager::startChargingWithError>},
-      {"queryChargerStateWithError",
-       {},
-       AnswerKind::ChargerState,
-       plain<&TQBleManager::queryChargerStateWithError>},
-      {"stopChargeWithError", {}, AnswerKind::Result, plain<&TQBleManager::stopChargeWithError>},
+      {"startChargingWithError", "start", {}, AnswerKind::Result,
+       plain<&TQBleManager::startChargingWithError>,
+       ask<SettingResult, &ChargerClient::startCharging>},
+      {"queryChargerStateWithError", "state", {}, AnswerKind::ChargerState,
+       plain<&TQBleManager::queryChargerStateWithError>,
+       ask<ChargerState, &ChargerClient::queryChargerState>},
+      {"stopChargeWithError", "stop", {}, AnswerKind::Result,
+       plain<&TQBleManager::stopChargeWithError>, ask<SettingResult, &ChargerClient::stopCharging>},
       // Answered with the charger-state layout: the manager decodes it so.
-      {"queryChargingDataWithError",
-       {},
-       AnswerKind::ChargerState,
-       plain<&TQBleManager::queryChargingDataWithError>},
-      {"queryHistoryChargingListWithError",
-       {},
-       AnswerKind::History,
-       plain<&TQBleManager::queryHistoryChargingListWithError>},
-      {"queryCumulationElecQuantityWithError",
-       {},
-       AnswerKind::Energy,
-       plain<&TQBleManager::queryCumulationElecQuantityWithError>},
-      {"queryHistoryErrorLogListWithError",
-       {},
-       AnswerKind::ErrorLog,
-       plain<&TQBleManager::queryHistoryErrorLogListWithError>},
-      {"runningDiagnosticInfoWithError",
-       {},
-       AnswerKind::Diagnosis,
-       plain<&TQBleManager::runningDiagnosticInfoWithError>},
+      {"queryChargingDataWithError", "data", {}, AnswerKind::ChargerState,
+       plain<&TQBleManager::queryChargingDataWithError>,
+       ask<ChargerState, &ChargerClient::queryChargingData>},
+      {"queryHistoryChargingListWithError", "history", {}, AnswerKind::History,
+       plain<&TQBleManager::queryHistoryChargingListWithError>,
+       ask<ChargingHistory, &ChargerClient::queryHistory>},
+      {"queryCumulationElecQuantityWithError", "energy", {}, AnswerKind::Energy,
+       plain<&TQBleManager::queryCumulationElecQuantityWithError>,
+       ask<CumulativeEnergy, &ChargerClient::queryCumulativeEnergy>},
+      {"queryHistoryErrorLogListWithError", "errors", {}, AnswerKind::ErrorLog,
+       plain<&TQBleManager::queryHistoryErrorLogListWithError>,
+       ask<ErrorLog, &ChargerClient::queryErrorLog>},
+      {"runningDiagnosticInfoWithError", "diagnostics", {}, AnswerKind::Diagnosis,
+       plain<&TQBleManager::runningDiagnosticInfoWithError>,
+       ask<TQBleRunDiagnosticInfo, &ChargerClient::queryDiagnostics>},
   };
   return kCommands;
 }
 
 const Command& findCommand(const std::string& name) {
   for (const auto& command : commands()) {
-    if (name == command.name) return command;
+    if (name == command.name || name == command.shortName) return command;
   }
   throw UsageError("unknown command '" + name + "'");
 }
@@ -136,10 +144,21 @@ const std::vector<Bytes>& RecordingStack::writes() const {
 
 Bytes parseHex(const std::string& text) {
   std::string digits;
+  bool groupStart = true;
   for (std::size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
     const auto u = static_cast<unsigned char>(c);
-    if (std::isspace(u)) continue;
+    if (std::isspace(u) || c == '-' || c == ':') {
+      groupStart = true;
+      continue;
+    }
+    // A group may start with 0x, as generic BLE apps and C sources write bytes.
+    if (groupStart && c == '0' && i + 1 < text.size() && (text[i + 1] == 'x' || text[i + 1] == 'X')) {
+      ++i;
+      groupStart = false;
+      continue;
+    }
+    groupStart = false;
     if (!std::isxdigit(u)) {
       // The position, not the character: a byte of a multi-byte character is no text.
       throw UsageError("not a hex digit at position " + std::to_string(i + 1));
@@ -158,6 +177,22 @@ std::string spacedHex(const Bytes& bytes) {
     text += ZDataCoverTool::coverFromIntToHex(byte);
   }
   return text;
+}
+
+std::size_t displayWidth(const std::string& s) {
+  std::size_t width = 0;
+  for (std::size_t i = 0; i < s.size();) {
+    const auto lead = static_cast<unsigned char>(s[i]);
+    const std::size_t length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+    width += length >= 3 ? 2 : 1;
+    i += length;
+  }
+  return width;
+}
+
+std::string padded(const std::string& s, std::size_t columns) {
+  const std::size_t width = displayWidth(s);
+  return s + std::string(columns > width ? columns - width : 1, ' ');
 }
 
 std::int64_t parseInteger(const std::string& text, const std::string& what, std::int64_t min,

@@ -1,95 +1,86 @@
 // `tqble decode`: one answer frame decoded as the manager decodes that command's answer,
-// printed as JSON.
+// printed as JSON beside the header checks the manager itself never makes.
 #include <cstdio>
-#include <nlohmann/json.hpp>
+#include <iostream>
+#include <iterator>
 #include <stdexcept>
 
+#include "AnswerJson.h"
 #include "CommandCatalogue.h"
 #include "Subcommands.h"
+#include "protocol/Frame.h"
 #include "tqble/AnswerDecoding.h"
+#include "tqble/ZDataCoverTool.h"
 #include "tqble/platform/Log.h"
 
 namespace tqble::cli {
 namespace {
 
-using Json = nlohmann::ordered_json;
-
 constexpr char kDecodeUsage[] =
-    "usage: tqble decode <command> <hex> [--log]\n"
-    "  Decodes one whole answer frame (header included; blanks between hex digits are\n"
-    "  allowed) as the answer to <command> and prints it as JSON: the result or record\n"
-    "  the manager stores, the ten system-information rows, or, for the history, energy,\n"
-    "  error-log and diagnostics answers that the manager decodes and drops, what the\n"
-    "  decoding yields. queryChargingDataWithError answers are read as charger state, as\n"
-    "  the manager reads them; runningDiagnosticInfoWithError prints the full diagnostics\n"
-    "  although the manager itself drops that answer unread. --log writes the decoder's\n"
-    "  log lines to stderr.\n";
+    "usage: tqble decode <command> <hex>... [--log]\n"
+    "  Decodes one whole answer frame (header included) as the answer to <command>.\n"
+    "  The hex may be split by blanks, dashes or colons, its groups may start with 0x,\n"
+    "  and several arguments are joined in order (the notifications of one answer);\n"
+    "  '-' reads the hex from standard input. Prints JSON: the command and its code, the\n"
+    "  answer's bytes, warnings where its start byte, command byte, length field or\n"
+    "  checksum (unseeded) is not what that command's answer carries, and the answer: the\n"
+    "  result or record the manager stores, the ten system-information rows, or, for the\n"
+    "  history, energy, error-log and diagnostics answers that the manager decodes and\n"
+    "  drops, what the decoding yields. The warnings never change a decoded value: the\n"
+    "  manager checks none of this. queryChargingDataWithError answers are read as\n"
+    "  charger state, as the manager reads them; runningDiagnosticInfoWithError prints the\n"
+    "  full diagnostics although the manager itself drops that answer unread. --log\n"
+    "  writes the decoder's log lines to stderr (or where TQBLE_LOG says).\n";
 
-Json text(const OptionalText& value) {
-  return value ? Json(*value) : Json(nullptr);
+std::string byteText(std::uint8_t byte) {
+  return "0x" + ZDataCoverTool::coverFromIntToHex(byte);
 }
 
-template <typename Record>
-Json chargeFields(const Record& r) {
-  return Json{{"serialNumber", text(r.serialNumber)},
-              {"elecQuantity", r.elecQuantity},
-              {"voltage", r.voltage},
-              {"electric", r.electric},
-              {"duration", r.duration},
-              {"gunStatus", text(r.gunStatus)},
-              {"failureReason", text(r.failureReason)}};
+// Where the answer's header differs from what an answer to `request` carries; the manager
+// reads none of these fields, so a mismatch is only worth a note.
+Json headerWarnings(const Bytes& request, const Bytes& answer) {
+  Json warnings = Json::array();
+  if (answer.size() < protocol::kFrameHeaderLength) {
+    warnings.push_back("the answer has " + std::to_string(answer.size()) +
+                       " bytes, fewer than the 8 of a frame header");
+  }
+  if (!answer.empty() && answer[0] != request[0]) {
+    warnings.push_back("start byte is " + byteText(answer[0]) + ", not " + byteText(request[0]));
+  }
+  if (answer.size() > 1 && answer[1] != request[1]) {
+    warnings.push_back("command byte is " + byteText(answer[1]) + ", not " + byteText(request[1]));
+  }
+  if (answer.size() < protocol::kFrameHeaderLength) return warnings;
+  const std::size_t declared = answer[4] | std::size_t{answer[5]} << 8;
+  const std::size_t body = answer.size() - protocol::kFrameHeaderLength;
+  if (declared != body) {
+    warnings.push_back("length field says " + std::to_string(declared) + " body bytes, the answer has " +
+                       std::to_string(body));
+  }
+  if (const std::uint8_t expected = protocol::frameChecksum(answer, 0); answer[7] != expected) {
+    warnings.push_back("checksum is " + byteText(answer[7]) + ", not " + byteText(expected));
+  }
+  return warnings;
 }
 
-Json historyEntry(const TQBleChargeHistory& entry) {
-  Json json = chargeFields(entry);
-  json["startTime"] = text(entry.startTime);
-  json["endTime"] = text(entry.endTime);
-  return json;
-}
-
-Json diagnosis(const TQBleRunDiagnosticInfo& d) {
-  return Json{{"startMode", d.startMode},
-              {"versionNum", text(d.versionNum)},
-              {"ammeterState", text(d.ammeterState)},
-              {"startTime", text(d.startTime)},
-              {"chargeState", text(d.chargeState)},
-              {"voltage", text(d.voltage)},
-              {"elec", text(d.elec)},
-              {"errorInfo", text(d.errorInfo)},
-              {"netConnectState", text(d.netConnectState)},
-              {"screenWorkingState", text(d.screenWorkingState)},
-              {"elecLockState", text(d.elecLockState)}};
-}
-
-Json decodeAnswer(const Command& command, const Bytes& answer, bool log) {
+Json decodeAnswer(const Command& command, const Bytes& answer, TQBleManager& manager) {
   switch (command.answer) {
-    case AnswerKind::History: {
-      Json list = Json::array();
-      for (const auto& entry : decode::chargingHistory(answer)) list.push_back(historyEntry(entry));
-      return list;
-    }
+    case AnswerKind::History:
+      return toJson(decode::chargingHistory(answer));
     case AnswerKind::Energy:
-      return Json{{"cumulativeEnergy", decode::cumulativeEnergy(answer)}};
-    case AnswerKind::ErrorLog: {
-      Json list = Json::array();
-      for (const auto& entry : decode::errorLog(answer)) {
-        list.push_back(Json{{"date", text(entry.date)}, {"errorCode", entry.errorCode}});
-      }
-      return list;
-    }
+      return toJson(CumulativeEnergy{decode::cumulativeEnergy(answer)});
+    case AnswerKind::ErrorLog:
+      return toJson(decode::errorLog(answer));
     case AnswerKind::Diagnosis:
-      return diagnosis(decode::runningDiagnosis(answer));
+      return toJson(decode::runningDiagnosis(answer));
     case AnswerKind::Result:
     case AnswerKind::ChargerState:
     case AnswerKind::SystemInfo:
       break;
   }
 
-  // The manager keeps these: issue the command so that it expects this answer, then
+  // The manager keeps these: it expects this answer since the command was issued, so
   // dispatch the answer and read what the decoder stored.
-  RecordingStack stack(log);
-  TQBleManager& manager = stack.manager();
-  command.issue(manager, std::vector<std::int64_t>(command.parameters.size(), 0), nullptr);
   manager.analysisData(answer);
   if (command.answer == AnswerKind::SystemInfo) {
     Json rows = Json::array();
@@ -109,29 +100,41 @@ Json decodeAnswer(const Command& command, const Bytes& answer, bool log) {
 
 int runDecode(const std::vector<std::string>& args) {
   if (args.empty() || args[0] == "--help") {
-    std::fputs(kDecodeUsage, stderr);
+    std::fputs(kDecodeUsage, args.empty() ? stderr : stdout);
     return args.empty() ? 2 : 0;
   }
   const Command* command = nullptr;
   try {
     command = &findCommand(args[0]);
     bool log = false;
-    std::optional<std::string> hex;
+    std::string hex;
     for (std::size_t i = 1; i < args.size(); ++i) {
       if (args[i] == "--log") {
         log = true;
+      } else if (args[i] == "-") {
+        hex.push_back(' ');
+        hex.append(std::istreambuf_iterator<char>(std::cin), {});
       } else if (args[i].starts_with("--")) {
         throw UsageError("unknown option '" + args[i] + "'");
       } else {
-        // Unquoted bytes arrive as several arguments.
-        hex = hex ? *hex + " " + args[i] : args[i];
+        hex.push_back(' ');  // unquoted bytes and notifications arrive as several arguments
+        hex += args[i];
       }
     }
-    if (!hex) throw UsageError(std::string(command->name) + ": missing <hex>");
-    const Bytes answer = parseHex(*hex);
-    if (!log) setLogSink([](std::string_view) {});
+    if (hex.empty()) throw UsageError(std::string(command->name) + ": missing <hex>");
+    const Bytes answer = parseHex(hex.substr(1));
 
-    const Json json = decodeAnswer(*command, answer, log);
+    // Issuing the command gives its request frame, whose code the answer should echo, and
+    // leaves the manager expecting this answer.
+    RecordingStack stack(log);
+    command->issue(stack.manager(), std::vector<std::int64_t>(command->parameters.size(), 0),
+                   nullptr);
+    const Bytes& request = stack.writes().front();
+    Json json{{"command", command->name},
+              {"code", byteText(request[1])},
+              {"bytes", spacedHex(answer)},
+              {"warnings", headerWarnings(request, answer)}};
+    json["answer"] = decodeAnswer(*command, answer, stack.manager());
     std::printf("%s\n", json.dump(2).c_str());
     return 0;
   } catch (const UsageError& e) {

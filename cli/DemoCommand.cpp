@@ -21,19 +21,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const char* text(const OptionalText& t) { return t ? t->c_str() : "(none)"; }
-
-// Pads UTF-8 text to `columns` terminal columns, counting CJK characters as two.
-std::string padded(const std::string& s, std::size_t columns) {
-  std::size_t width = 0;
-  for (std::size_t i = 0; i < s.size();) {
-    const auto lead = static_cast<unsigned char>(s[i]);
-    const std::size_t length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-    width += length >= 3 ? 2 : 1;
-    i += length;
-  }
-  return s + std::string(columns > width ? columns - width : 1, ' ');
-}
+const char* shown(const OptionalText& t) { return t ? t->c_str() : "(none)"; }
 
 class Demo {
  public:
@@ -107,7 +95,7 @@ class Demo {
     waitFor([this] { return answer_.has_value(); }, 5s, "the system information");
     showExchange();
     for (const auto& row : manager_->systemTitleArr()) {
-      std::printf("  %s%s\n", padded(text(row->title), 28).c_str(), text(row->content));
+      std::printf("  %s%s\n", padded(shown(row->title), 28).c_str(), shown(row->content));
     }
 
     section("Time synchronisation");
@@ -144,8 +132,8 @@ class Demo {
     section("Charging history");
     exchange([](TQBleManager& m) { m.queryHistoryChargingListWithError(nullptr); });
     for (const auto& e : decode::chargingHistory(*answer_)) {
-      std::printf("  session %s: %llu Wh, %s to %s, %llu s\n", text(e.serialNumber),
-                  static_cast<unsigned long long>(e.elecQuantity), text(e.startTime), text(e.endTime),
+      std::printf("  session %s: %llu Wh, %s to %s, %llu s\n", shown(e.serialNumber),
+                  static_cast<unsigned long long>(e.elecQuantity), shown(e.startTime), shown(e.endTime),
                   static_cast<unsigned long long>(e.duration));
     }
 
@@ -156,17 +144,17 @@ class Demo {
     section("Error log");
     exchange([](TQBleManager& m) { m.queryHistoryErrorLogListWithError(nullptr); });
     for (const auto& e : decode::errorLog(*answer_)) {
-      std::printf("  %s  error code %llu\n", text(e.date), static_cast<unsigned long long>(e.errorCode));
+      std::printf("  %s  error code %llu\n", shown(e.date), static_cast<unsigned long long>(e.errorCode));
     }
 
     section("Running diagnostics");
     exchange([](TQBleManager& m) { m.runningDiagnosticInfoWithError(nullptr); });
     const auto d = decode::runningDiagnosis(*answer_);
-    std::printf("  charge state %s, errors %s, mains %s, rating %s\n", text(d.chargeState), text(d.errorInfo),
-                text(d.voltage), text(d.elec));
+    std::printf("  charge state %s, errors %s, mains %s, rating %s\n", shown(d.chargeState), shown(d.errorInfo),
+                shown(d.voltage), shown(d.elec));
     std::printf("  start mode %lld at %s, network %s, meter %s, firmware %s\n",
-                static_cast<long long>(d.startMode), text(d.startTime), text(d.netConnectState),
-                text(d.ammeterState), text(d.versionNum));
+                static_cast<long long>(d.startMode), shown(d.startTime), shown(d.netConnectState),
+                shown(d.ammeterState), shown(d.versionNum));
 
     section("Disconnect");
     manager_->stopConnectPeripheral(manager_->connectedPheral(), nullptr);
@@ -205,7 +193,7 @@ class Demo {
   void showCharging() const {
     if (!lastModel_ || !lastModel_->chargingData) return;
     const auto& c = *lastModel_->chargingData;
-    std::printf("  %s, session %s: %llu Wh, %.1f V, %.1f A, %llu s\n", text(c.gunStatus), text(c.serialNumber),
+    std::printf("  %s, session %s: %llu Wh, %.1f V, %.1f A, %llu s\n", shown(c.gunStatus), shown(c.serialNumber),
                 static_cast<unsigned long long>(c.elecQuantity), c.voltage / 10.0, c.electric / 10.0,
                 static_cast<unsigned long long>(c.duration));
   }
@@ -231,8 +219,10 @@ int runDemo(const std::vector<std::string>& args) {
     if (arg == "--quiet") {
       quiet = true;
     } else {
-      std::fprintf(stderr, "usage: tqble demo [--quiet]\n");
-      return 2;
+      const bool help = arg == "--help";
+      std::fputs("usage: tqble demo [--quiet]\n  A scripted session against a simulated post; --quiet hides the SDK's log.\n",
+                 help ? stdout : stderr);
+      return help ? 0 : 2;
     }
   }
   if (!TQBleManager::useBackend("sim")) throw std::runtime_error("the manager already exists");

@@ -14,18 +14,18 @@ namespace {
 constexpr char kFrameUsage[] =
     "usage: tqble frame <command> [arguments] [--status N] [--rand N] [--time SECONDS]\n"
     "  Prints the frame the command writes, as upper-case hex bytes separated by single\n"
-    "  spaces. --status and --rand (0-255) set the manager's properties of that name;\n"
-    "  querySystemInfoWithError ignores both. --time fixes the clock (seconds since 1970)\n"
-    "  that synchroTimeWithError sends.\n"
+    "  spaces, then the command's name and code. --status and --rand (0-255) set the\n"
+    "  manager's properties of that name; querySystemInfoWithError ignores both. --time\n"
+    "  fixes the clock (seconds since 1970) that synchroTimeWithError sends.\n"
     "  commands:";
 
-void printUsage() {
-  std::fputs(kFrameUsage, stderr);
+void printUsage(std::FILE* out) {
+  std::fputs(kFrameUsage, out);
   for (const auto& command : commands()) {
-    std::fprintf(stderr, "\n    %s", command.name);
-    for (const char* parameter : command.parameters) std::fprintf(stderr, " <%s>", parameter);
+    std::fprintf(out, "\n    %s (%s)", command.name, command.shortName);
+    for (const char* parameter : command.parameters) std::fprintf(out, " <%s>", parameter);
   }
-  std::fputc('\n', stderr);
+  std::fputc('\n', out);
 }
 
 double parseSeconds(const std::string& text) {
@@ -41,7 +41,7 @@ double parseSeconds(const std::string& text) {
 
 int runFrame(const std::vector<std::string>& args) {
   if (args.empty() || args[0] == "--help") {
-    printUsage();
+    printUsage(args.empty() ? stderr : stdout);
     return args.empty() ? 2 : 0;
   }
   try {
@@ -88,7 +88,8 @@ int runFrame(const std::vector<std::string>& args) {
                    failure ? failure->domain.c_str() : "no frame");
       return 1;
     }
-    std::printf("%s\n", spacedHex(stack.writes().front()).c_str());
+    const Bytes& frame = stack.writes().front();
+    std::printf("%s  %s 0x%02X\n", spacedHex(frame).c_str(), command.name, frame[1]);
     return 0;
   } catch (const UsageError& e) {
     std::fprintf(stderr, "tqble frame: %s\n", e.what());

@@ -8,7 +8,7 @@ build=${FUZZ_BUILD:-build-fuzz}
 seconds=${FUZZ_SECONDS:-60}
 jobs=${JOBS:-$(nproc)}
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
-      -DTQBLE_FUZZ=ON -DTQBLE_BUILD_TESTS=OFF -DTQBLE_BUILD_BENCH=OFF >/dev/null
+      -DTQBLE_FUZZ=ON -DTQBLE_BUILD_TESTS=OFF -DTQBLE_BUILD_BENCH=OFF -DTQBLE_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build "$build" -j "$jobs" --target fuzzers
 mkdir -p "$build/artifacts"
 for name in decoders reception data_cover text_parsers; do

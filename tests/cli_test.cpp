@@ -2,11 +2,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <tuple>
+#include <vector>
 
 namespace {
 
@@ -16,52 +18,107 @@ std::string slurp(const std::string& path) {
   return text.str();
 }
 
-// Runs the built tool with `arguments` (shell words): exit status, output, error output. CTest
-// runs tests side by side, so each process gets files of its own.
-std::tuple<int, std::string, std::string> tqble(const std::string& arguments) {
+// Runs `command` in the shell, where $TQBLE is the built tool: exit status, output, error
+// output. CTest runs tests side by side, so each process gets files of its own.
+std::tuple<int, std::string, std::string> shell(const std::string& command) {
   const std::string path = ::testing::TempDir() + "tqble_cli_" + std::to_string(getpid());
-  const std::string command = std::string(TQBLE_CLI_PATH) + " " + arguments;
-  const int wait = std::system((command + " >" + path + ".out 2>" + path + ".err").c_str());
+  const std::string script = "TQBLE=" + std::string(TQBLE_CLI_PATH) + "; " + command;
+  const int wait = std::system(("(" + script + ") >" + path + ".out 2>" + path + ".err").c_str());
   return {WIFEXITED(wait) ? WEXITSTATUS(wait) : -1, slurp(path + ".out"), slurp(path + ".err")};
 }
 
-TEST(CommandLineTool, PrintsTheExactFrameOrJsonLogsOnlyWhenAskedAndFailsWithOneLine) {
-  const std::string info = "decode querySystemInfoWithError 68b1" + std::string(54, '0') + "66" +
-                           std::string(72, '0') + "08";
-  // arguments, exit status, the whole output or (after '~') a part of it, the log or error
+// Runs a table of (shell command, exit status, the whole output or after '~' a part of it, the
+// whole error output).
+using Cases = std::vector<std::tuple<std::string, int, std::string, std::string>>;
+void expectRuns(const Cases& cases) {
+  for (const auto& [command, status, out, err] : cases) {
+    const auto [runStatus, runOut, runErr] = shell(command);
+    EXPECT_EQ(std::pair(runStatus, runErr), std::pair(status, err)) << command;
+    EXPECT_TRUE(out[0] == '~' ? runOut.find(out.substr(1)) != std::string::npos : runOut == out)
+        << command << "\n"
+        << runOut;
+  }
+}
+
+TEST(CommandLineTool, PrintsTheExactFrameOrJsonWithHeaderWarningsLogsWhereAskedAndFailsWithOneLine) {
+  const std::string info = "$TQBLE decode querySystemInfoWithError 68b1" + std::string(54, '0') + "66" +
+                           std::string(72, '0') + "08 --log";
+  const std::string infoLog = "桩号:  00000000000000000000\n获取的音量大小: 00\n充电模式: 00\n";
+  // command, exit status, the whole output or (after '~') a part of it, the log or error
   // clang-format off
-  const std::tuple<std::string, int, std::string, std::string> cases[] = {
-      {"frame setVolumeWithVolumeSize 35", 0, "68 B2 00 00 01 00 00 EE 35\n", ""},
-      {"frame setVolumeWithVolumeSize 5", 0, "68 B2 00 00 00 00 00 DA\n", ""},
-      {"frame orderChargerWithStartHour 22 30 6 0", 0, "68 B3 00 00 05 00 00 D1 01 16 1E 06 00\n", ""},
-      {"frame synchroTimeWithError --time 1700000000", 0, "68 B0 00 00 04 00 00 1B 00 F1 53 65\n", ""},
-      {"frame querySystemInfoWithError --status 3 --rand 16", 0, "68 B1 00 00 01 00 00 D8 00\n", ""},
-      {"decode queryChargingDataWithError '68 b5 00 00 12 00 00 00 06 01 02 03 04 e8 03 5c 08 00 00 10 00 3c 00 00 00 00'",
+  expectRuns({
+      {"$TQBLE frame setVolumeWithVolumeSize 35", 0, "68 B2 00 00 01 00 00 EE 35  setVolumeWithVolumeSize 0xB2\n", ""},
+      {"$TQBLE frame setVolumeWithVolumeSize 5", 0, "68 B2 00 00 00 00 00 DA  setVolumeWithVolumeSize 0xB2\n", ""},
+      {"$TQBLE frame orderChargerWithStartHour 22 30 6 0", 0,
+       "68 B3 00 00 05 00 00 D1 01 16 1E 06 00  orderChargerWithStartHour 0xB3\n", ""},
+      {"$TQBLE frame synchroTimeWithError --time 1700000000", 0,
+       "68 B0 00 00 04 00 00 1B 00 F1 53 65  synchroTimeWithError 0xB0\n", ""},
+      {"$TQBLE frame querySystemInfoWithError --status 3 --rand 16", 0,
+       "68 B1 00 00 01 00 00 D8 00  querySystemInfoWithError 0xB1\n", ""},
+      {"echo '68-B6-00-00-01-00-00-DE:01' | $TQBLE decode stopChargeWithError -", 0,
+       "{\n  \"command\": \"stopChargeWithError\",\n  \"code\": \"0xB6\",\n"
+       "  \"bytes\": \"68 B6 00 00 01 00 00 DE 01\",\n  \"warnings\": [],\n"
+       "  \"answer\": {\n    \"resultType\": 0\n  }\n}\n", ""},
+      {"$TQBLE decode stopChargeWithError 0xAA 0xB7 0x00 0x00 0x02 0x00 0x00 0x00 0x01", 0,  // refusal by the wrong post
+       "~\"warnings\": [\n    \"start byte is 0xAA, not 0x68\",\n    \"command byte is 0xB7, not 0xB6\",\n"
+       "    \"length field says 2 body bytes, the answer has 1\",\n    \"checksum is 0x00, not 0x1E\"\n  ]", ""},
+      {"$TQBLE decode stopChargeWithError 68b6", 0, "~\"the answer has 2 bytes, fewer than the 8 of a frame header\"", ""},
+      {"$TQBLE decode queryChargingDataWithError 0x68B50000120000 5e:06:01:02:03:04 e8-03-5c-08 00 00 10 00 3c 00 00 00 00",
        0,  // live data read as charger state
-       "{\n  \"serialNumber\": \"1234\",\n  \"elecQuantity\": 1000,\n  \"voltage\": 2140,\n"
-       "  \"electric\": 16,\n  \"duration\": 60,\n  \"gunStatus\": \"正在充电中\",\n  \"failureReason\": null\n}\n", ""},
-      {"decode stopChargeWithError 68b600000100000001", 0, "{\n  \"resultType\": 0\n}\n", ""},
-      {"decode queryHistoryErrorLogListWithError '68 34 00 00 00 00 00 00 00 00 00'", 0, "[]\n", ""},
-      {info + " --log", 0, "~\"title\": \"厂商\",\n    \"content\": \"Velmora\"",
-       "桩号:  00000000000000000000\n获取的音量大小: 00\n充电模式: 00\n"},
-      {"decode runningDiagnosticInfoWithError " + std::string(76, '0') + "03" + std::string(54, '0'), 0,
+       "~\"warnings\": [],\n  \"answer\": {\n    \"serialNumber\": \"1234\",\n    \"elecQuantity\": 1000,\n"
+       "    \"voltage\": 2140,\n    \"electric\": 16,\n    \"duration\": 60,\n    \"gunStatus\": \"正在充电中\",", ""},
+      {"$TQBLE decode queryHistoryErrorLogListWithError '68 34 00 00 00 00 00 00 00 00 00'", 0, "~\"answer\": []\n", ""},
+      {info, 0, "~\"title\": \"厂商\",\n      \"content\": \"Velmora\"", infoLog},
+      {"TQBLE_LOG=off " + info, 0, "~\"Velmora\"", ""},
+      {"f=$(mktemp) && TQBLE_LOG=$f " + info + " >/dev/null && cat $f && rm $f", 0, infoLog, ""},
+      {"TQBLE_LOG=/nonexistent/tqble.log " + info + " >/dev/null", 0, "",
+       "TQBLE_LOG: cannot open '/nonexistent/tqble.log' (No such file or directory); logging to standard error\n" + infoLog},
+      {"$TQBLE decode runningDiagnosticInfoWithError " + std::string(76, '0') + "03" + std::string(54, '0'), 0,
        "~\"chargeState\": \"充电中\"", ""},
-      {"frame launchRocket", 2, "", "tqble frame: unknown command 'launchRocket'\n"},
-      {"frame stopChargeWithError --rand 256", 2, "", "tqble frame: --rand must be an integer from 0 to 255, not '256'\n"},
-      {"decode queryChargerStateWithError 6g", 2, "", "tqble decode: not a hex digit at position 2\n"},
-      {"decode queryHistoryErrorLogListWithError '68 34 00 00 00 00 00 00 00 00 02 00 00 00 00 01 00 00 00'",
+      {"$TQBLE frame launchRocket", 2, "", "tqble frame: unknown command 'launchRocket'\n"},
+      {"$TQBLE frame stopChargeWithError --rand 256", 2, "", "tqble frame: --rand must be an integer from 0 to 255, not '256'\n"},
+      {"$TQBLE decode queryChargerStateWithError 68:b5:0g", 2, "", "tqble decode: not a hex digit at position 8\n"},
+      {"$TQBLE decode queryChargerStateWithError 0x68b", 2, "", "tqble decode: odd number of hex digits (3)\n"},
+      {"$TQBLE decode queryHistoryErrorLogListWithError '68 34 00 00 00 00 00 00 00 00 02 00 00 00 00 01 00 00 00'",
        1, "",  // the count says two entries
        "tqble decode: the answer is too short for queryHistoryErrorLogListWithError: "
        "range {16, 8} out of bounds; length 16\n"},
-  };
+      {"$TQBLE frame volume 35", 0, "68 B2 00 00 01 00 00 EE 35  setVolumeWithVolumeSize 0xB2\n", ""},
+      {"$TQBLE decode stop 68b600000100000001", 0, "~\"answer\": {\n    \"resultType\": 0\n  }\n}\n", ""},
+      {"$TQBLE --version", 0, "tqble 1.0.0\n", ""},
+      {"$TQBLE --help", 0, "~       tqble watch POST [--every S]", ""},
+      {"$TQBLE help run", 0, "~    diagnostics  runningDiagnosticInfoWithError\n", ""},
+      {"$TQBLE help frame", 0, "~    setVolumeWithVolumeSize (volume) <volume>\n", ""},
+      {"$TQBLE decode --help", 0, "~usage: tqble decode", ""},
+      {"$TQBLE history --help", 0, "~start, end, duration_s", ""},
+      {"$TQBLE run - launch", 2, "", "tqble run: unknown command 'launch' (see 'tqble help run')\n"},
+      {"$TQBLE run - volume", 2, "", "tqble run: volume: missing <volume> (see 'tqble help run')\n"},
+      {"$TQBLE run - state --backend nope", 2, "", "tqble run: unknown backend 'nope' (built in: sim) (see 'tqble help run')\n"},
+      {"$TQBLE watch", 2, "", "tqble watch: missing POST (see 'tqble help watch')\n"},
+  });
   // clang-format on
-  for (const auto& [arguments, status, out, err] : cases) {
-    const auto [runStatus, runOut, runErr] = tqble(arguments);
-    EXPECT_EQ(std::pair(runStatus, runErr), std::pair(status, err)) << arguments;
-    EXPECT_TRUE(out[0] == '~' ? runOut.find(out.substr(1)) != std::string::npos : runOut == out)
-        << arguments << "\n"
-        << runOut;
-  }
+}
+
+TEST(CommandLineTool, AsksTheSimulatedPostThroughTheClient) {
+  // clang-format off
+  expectRuns({
+      {"$TQBLE scan --seconds 0.5", 0, "TQ-AC7-0042          SIM-POST-0001         -58 dBm\n", ""},
+      {"$TQBLE run TQ-AC7-0042 volume 35", 0, "{\n  \"resultType\": 0\n}\n", ""},
+      {"$TQBLE run sim-post-0001 energy --table", 0, "cumulativeEnergy  120000\n", ""},
+      {"$TQBLE history - --csv", 0, "start,end,duration_s,energy_kWh\n"
+                             "2023-11-13 18:26:40,2023-11-13 20:26:40,7200,12.400\n"
+                             "2023-11-14 08:20:00,2023-11-14 09:05:00,2700,3.150\n", ""},
+      {"$TQBLE survey -", 0, "~\"errors\": [\n    {\n      \"date\": \"2023-11-12 14:40:00\",\n      \"errorCode\": 8\n", ""},
+  });
+  // clang-format on
+}
+
+TEST(CommandLineTool, WatchesTheStateUntilInterrupted) {
+  const auto [status, out, err] = shell("$TQBLE watch - --every 0.5 & pid=$!; sleep 4.5; kill -INT $pid; wait $pid");
+  EXPECT_EQ(status, 0) << err;
+  EXPECT_EQ(err, "");
+  EXPECT_GE(std::count(out.begin(), out.end(), '\n'), 2) << out;
+  EXPECT_NE(out.find("\"gunStatus\":\"未知\""), std::string::npos) << out;
 }
 
 }  // namespace

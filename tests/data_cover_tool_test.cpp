@@ -72,5 +72,21 @@ TEST(FixedBuffer, Is128BytesDecodedWithTheFirstCharactersCaseAndLogsEachByte) {
   EXPECT_EQ(T::coverFromHexStrToData(std::string(256, 'f')), Bytes(128, 0xFF));
 }
 
+TEST(NonAsciiHexText, IsMeasuredAndCutInUtf16UnitsAsThePlatformCounts) {
+  test::LogCapture log;
+  // clang-format off
+  expectRows<std::string>({
+      {T::coverToLowFromFrontHightByteStr("中文"), "中文"}, {T::coverToLowFromFrontHightByteStr("a中b"), "b0a中"},
+      {T::coverFromHexStringToStr("é1").value_or("-"), "0"}, {T::coverFromHexStringToStr("0aé").value_or("-"), "-"},
+      {spaced(T::hexToBytes("0a中")), "0A"}, {spaced(T::hexToBytes("0a中b")), "0A 0A"},
+      {std::to_string(T::coverToIntFrome4BytesHexStr("é1000000")), "0"},
+      // 中 is unit 0x4E2D: (0x4E2D - 87) * 16, logged whole and stored as its low byte.
+      {spaced(Bytes(1, T::coverFromHexStrToData("中0")[0])), "60"}, {log.lines.at(0), "int_ch=318816"},
+  });
+  // clang-format on
+  EXPECT_THROW((void)T::coverToIntFrome4BytesHexStr("123456é"), std::out_of_range);
+  EXPECT_THROW((void)T::coverFromHexStrToData("中"), std::out_of_range);
+}
+
 }  // namespace
 }  // namespace tqble

@@ -32,7 +32,8 @@ TEST(HistoryAnswer, ReadsBigEndianSerialAndEnergyLittleEndianSignedTimesAndCount
                       "18446744073709551615"}));
   // The count byte says 9 but the length rules; a part entry (18 of 19 bytes) is dropped.
   EXPECT_EQ(decode::chargingHistory(hex(kHistory + kOneHour + std::string(36, '0'))).size(), 1u);
-  EXPECT_TRUE(decode::chargingHistory(hex("68 b7 00 00 01 00 00 df 01")).empty());  // a refusal
+  EXPECT_TRUE(decode::chargingHistory(Bytes(12, 0)).empty());
+  EXPECT_THROW(decode::chargingHistory(hex("68 b7 00 00 01 00 00 df 01")), std::out_of_range);
 }
 
 TEST(EnergyAnswer, ReadsALittleEndianSigned32BitValue) {

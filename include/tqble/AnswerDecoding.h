@@ -29,8 +29,8 @@ TQBleChargingData chargingData(const Bytes& answer);
 /// Setting acknowledgement: body byte 0 "01" fails, anything else succeeds, no body fails.
 TQBleSetResult setResult(const Bytes& answer);
 
-/// Charging history: 19-byte entries from byte 12; a trailing partial entry is ignored,
-/// and an answer too short to hold any entry (a refusal, say) gives an empty list.
+/// Charging history: 19-byte entries from byte 12; a trailing partial entry is ignored.
+/// @throws std::out_of_range when the answer is shorter than 12 bytes (a refusal, say).
 std::vector<TQBleChargeHistory> chargingHistory(const Bytes& answer);
 
 /// Cumulative energy: body bytes 0-3, little-endian signed 32-bit.

@@ -11,6 +11,7 @@
 #include "tqble/ZConverTool.h"
 #include "tqble/ZDataCoverTool.h"
 #include "tqble/ZGeneralTool.h"
+#include "tqble/client/ChargerClient.h"
 #include "tqble/ble/CentralManager.h"
 #include "tqble/ble/Peripheral.h"
 #include "tqble/ble/UUID.h"

@@ -1,7 +1,7 @@
 // The twelve commands: record the pending tag, build the body, frame it, write it.
 #include <cstdio>
 
-#include "manager/FrameLayout.h"
+#include "protocol/Frame.h"
 #include "platform/Text.h"
 #include "tqble/TQBleManager.h"
 #include "tqble/ZConverTool.h"
@@ -10,7 +10,7 @@
 namespace tqble {
 namespace {
 
-using namespace detail;  // command codes
+using namespace protocol;  // command codes
 
 std::uint8_t low8(std::int64_t value) { return static_cast<std::uint8_t>(value & 0xFF); }
 

@@ -16,8 +16,7 @@ std::vector<TQBleChargeHistory> chargingHistory(const Bytes& answer) {
   using detail::hexField;
   const std::string hex = ZDataCoverTool::coverFromDataToHexStr(answer);
   // The entry count follows from the length, so the list never runs off the answer; one
-  // too short for the header (a refusal, say) holds no entry.
-  if (hex.size() < kFirstEntryChar) return {};
+  // too short for the header is a range error like any other short cut.
   const std::string rest = detail::cutFrom(hex, kFirstEntryChar);
   cut(hex, 20, 4);  // an entry count the post sends; the length decides instead
 

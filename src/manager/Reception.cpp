@@ -1,21 +1,12 @@
 // Answer reception: gathers the pieces of an answer by the pending command's rule,
 // dispatches the whole answer to its decoder and reports every update to the delegate.
+#include "protocol/Frame.h"
 #include "tqble/TQBleManager.h"
 #include "tqble/platform/Log.h"
 
 namespace tqble {
-namespace {
 
-// Whole-frame lengths (header included) that complete the fixed-length answers.
-constexpr std::size_t kSystemInfoLength = 67;
-constexpr std::size_t kDiagnosisLength = 66;
-constexpr std::size_t kDiagnosisLongLength = 74;
-constexpr std::size_t kStateLength = 26;
-constexpr std::size_t kFaultLength = 12;
-constexpr std::size_t kCumulationLength = 13;
-constexpr std::size_t kFullNotification = 20;
-
-}  // namespace
+using namespace protocol;  // answer lengths
 
 void TQBleManager::analysisData(const std::optional<Bytes>& data) {
   if (!data) {

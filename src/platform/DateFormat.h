@@ -11,6 +11,17 @@ namespace tqble::detail {
 /// in the device's time zone and locale, like a fresh platform date formatter.
 std::string formatDate(double secondsSince1970, const std::string& pattern);
 
+/// "yyyy-MM-dd HH:mm:ss" of post seconds in the device's time zone: the text formatDate
+/// gives, made from cached zone offsets where the device's calendar is Gregorian.
+std::string formatPostTime(std::int64_t secondsSince1970);
+
+/// The same text, always through the ICU formatter.
+std::string formatPostTimeSlowly(std::int64_t secondsSince1970);
+
+/// Whether formatPostTime() writes post clocks from cached offsets in the device's current
+/// zone and locale (false: through the ICU formatter).
+bool postTimesFromZoneOffsets();
+
 /// Parses text with the same rules; nullopt when it does not parse.
 std::optional<double> parseDate(const std::string& text, const std::string& pattern);
 

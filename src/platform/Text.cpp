@@ -6,11 +6,13 @@
 
 namespace tqble::detail {
 
+void throwCutOutOfRange(std::size_t size, std::size_t from, std::size_t length) {
+  throw std::out_of_range("range {" + std::to_string(from) + ", " + std::to_string(length) +
+                          "} out of bounds; length " + std::to_string(size));
+}
+
 std::string cut(const std::string& text, std::size_t from, std::size_t length) {
-  if (from > text.size() || length > text.size() - from) {
-    throw std::out_of_range("range {" + std::to_string(from) + ", " + std::to_string(length) +
-                            "} out of bounds; length " + std::to_string(text.size()));
-  }
+  checkCut(text.size(), from, length);
   return text.substr(from, length);
 }
 

@@ -12,6 +12,16 @@ namespace tqble::detail {
 /// @throws std::out_of_range
 std::string cut(const std::string& text, std::size_t from, std::size_t length);
 
+/// Throws the range error of a cut that does not fit a text of `size` characters.
+/// @throws std::out_of_range always
+[[noreturn]] void throwCutOutOfRange(std::size_t size, std::size_t from, std::size_t length);
+
+/// The range check of cut() for a text of `size` characters.
+/// @throws std::out_of_range when the cut starts or ends past the end.
+inline void checkCut(std::size_t size, std::size_t from, std::size_t length) {
+  if (from > size || length > size - from) throwCutOutOfRange(size, from, length);
+}
+
 /// The characters of `text` from `from` to its end.
 /// @throws std::out_of_range when `from` lies past the end.
 std::string cutFrom(const std::string& text, std::size_t from);

@@ -7,11 +7,6 @@
 #include "tqble/ZGeneralTool.h"
 
 namespace tqble {
-namespace {
-
-constexpr char kPostTimePattern[] = "yyyy-MM-dd HH:mm:ss";
-
-}  // namespace
 
 std::string ZConverTool::getCurrentTimeInterval() {
   char text[32];
@@ -20,11 +15,11 @@ std::string ZConverTool::getCurrentTimeInterval() {
 }
 
 std::string ZGeneralTool::coverToBleDatematterFromTimeInterval(std::int64_t timeInterval) {
-  return detail::formatDate(static_cast<double>(timeInterval), kPostTimePattern);
+  return detail::formatPostTime(timeInterval);
 }
 
 std::string ZConverTool::converFormatTimeWithTimeValue(std::int64_t timeValue) {
-  return detail::formatDate(static_cast<double>(timeValue), kPostTimePattern);
+  return detail::formatPostTime(timeValue);
 }
 
 }  // namespace tqble

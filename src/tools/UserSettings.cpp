@@ -15,7 +15,7 @@ bool firstVisit(const std::string& key) {
   return false;
 }
 
-// The flag is the key itself; it reaches the disk with the next synchronize.
+// The flag is the key itself; it reaches the file with the next save, soon after.
 void rememberVisit(const std::string& key) {
   UserDefaults::standardUserDefaults().setObject(key, key);
 }

@@ -38,6 +38,18 @@ std::size_t utf16Length(const std::string& text) {
   return static_cast<std::size_t>(icu::UnicodeString::fromUTF8(text).length());
 }
 
+std::u16string toUtf16(const std::string& text) {
+  const icu::UnicodeString units = icu::UnicodeString::fromUTF8(text);
+  return {units.getBuffer(), static_cast<std::size_t>(units.length())};
+}
+
+std::string toUtf8(std::u16string_view units) {
+  std::string text;
+  icu::UnicodeString(false, units.data(), static_cast<std::int32_t>(units.size()))
+      .toUTF8String(text);
+  return text;
+}
+
 std::size_t utf16Find(const std::string& text, const std::string& needle) {
   const std::int32_t at =
       icu::UnicodeString::fromUTF8(text).indexOf(icu::UnicodeString::fromUTF8(needle));

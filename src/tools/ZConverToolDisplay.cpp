@@ -29,8 +29,9 @@ bool ZConverTool::isPhoneNum(const std::string& phoneNum) {
       u"^((13[0-9])|(15[^4,\\D])|(18[0,0-9])|(17[0-9])|(11[0-9])|(12[0-9])|(14[0-9])|(16[0-9])|"
       u"(19[0-9]))\\d{8}$";
   UErrorCode status = U_ZERO_ERROR;
-  icu::RegexMatcher matcher(icu::UnicodeString(kPattern), icu::UnicodeString::fromUTF8(phoneNum),
-                            0, status);
+  // The matcher reads its input in place: the text must outlive it.
+  const icu::UnicodeString text = icu::UnicodeString::fromUTF8(phoneNum);
+  icu::RegexMatcher matcher(icu::UnicodeString(kPattern), text, 0, status);
   if (U_FAILURE(status)) return false;
   const bool whole = matcher.matches(status);
   return U_SUCCESS(status) && whole;

@@ -5,12 +5,47 @@
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
+#include <string_view>
+#include <type_traits>
+#include <utility>
 
 #include "platform/Text.h"
 #include "tools/Utf16.h"
 #include "tqble/platform/Log.h"
 
 namespace tqble {
+namespace {
+
+// Hex text is measured and cut in UTF-16 units, as the platform counts. ASCII text, the
+// usual case, is its own UTF-16 form; anything else is converted once. `fn` takes a
+// std::string_view or a std::u16string_view.
+template <typename Fn>
+auto onUnits(const std::string& text, Fn&& fn) {
+  if (std::all_of(text.begin(), text.end(), [](char c) { return (c & 0x80) == 0; })) {
+    return fn(std::string_view(text));
+  }
+  const std::u16string units = detail::toUtf16(text);
+  return fn(std::u16string_view(units));
+}
+
+std::string utf8(std::string_view units) {
+  return std::string(units);
+}
+std::string utf8(std::string&& units) {
+  return std::move(units);
+}
+std::string utf8(std::u16string_view units) {
+  return detail::toUtf8(units);
+}
+
+// The range-checked substring of the units.
+template <typename View>
+View piece(View units, std::size_t from, std::size_t length) {
+  detail::checkCut(units.size(), from, length);
+  return units.substr(from, length);
+}
+
+}  // namespace
 
 std::string ZDataCoverTool::coverFromDataToHexStr(const Bytes& data) {
   static const char kDigits[] = "0123456789abcdef";
@@ -29,28 +64,37 @@ std::uint64_t ZDataCoverTool::coverFromHexStrToInt(const std::string& hex) {
 }
 
 std::int32_t ZDataCoverTool::coverToIntFrome4BytesHexStr(const std::string& hex) {
-  std::string reversed;
-  for (int i = 3; i >= 0; --i) reversed += detail::cut(hex, static_cast<std::size_t>(i) * 2, 2);
-  return static_cast<std::int32_t>(coverFromHexStrToInt(reversed));
+  return onUnits(hex, [](auto units) {
+    std::basic_string<typename decltype(units)::value_type> reversed;
+    for (int i = 3; i >= 0; --i) reversed += piece(units, static_cast<std::size_t>(i) * 2, 2);
+    return static_cast<std::int32_t>(coverFromHexStrToInt(utf8(std::move(reversed))));
+  });
 }
 
 std::string ZDataCoverTool::coverToLowFromFrontHightByteStr(const std::string& hex) {
-  const std::string even = hex.size() % 2 ? hex + "0" : hex;
-  std::string reversed;
-  reversed.reserve(even.size());
-  for (std::size_t n = even.size() / 2; n > 0; --n) reversed += even.substr((n - 1) * 2, 2);
-  return reversed;
+  return onUnits(hex, [](auto units) {
+    std::basic_string<typename decltype(units)::value_type> reversed;
+    reversed.reserve(units.size() + 1);
+    for (std::size_t n = (units.size() + 1) / 2; n > 0; --n) {
+      reversed += units.substr((n - 1) * 2, 2);
+      if (reversed.size() % 2) reversed.push_back('0');  // an odd text's last character, padded
+    }
+    return utf8(std::move(reversed));
+  });
 }
 
 std::optional<std::string> ZDataCoverTool::coverFromHexStringToStr(const std::string& hex) {
-  if (hex.size() % 2) return std::nullopt;
-  std::string text;
-  for (std::size_t i = 0; i < hex.size(); i += 2) {
-    long value = 0;
-    std::sscanf(hex.substr(i, 2).c_str(), "%lx", reinterpret_cast<unsigned long*>(&value));
-    text += std::to_string(value);
-  }
-  return text;
+  return onUnits(hex, [](auto units) -> std::optional<std::string> {
+    if (units.size() % 2) return std::nullopt;
+    std::string text;
+    for (std::size_t i = 0; i < units.size(); i += 2) {
+      long value = 0;
+      std::sscanf(utf8(units.substr(i, 2)).c_str(), "%lx",
+                  reinterpret_cast<unsigned long*>(&value));
+      text += std::to_string(value);
+    }
+    return text;
+  });
 }
 
 Bytes ZDataCoverTool::coverToByteWithData(std::int32_t value) {
@@ -83,13 +127,15 @@ bool scanHexInt(const std::string& text, std::uint32_t& result) {
 }  // namespace
 
 Bytes ZDataCoverTool::hexToBytes(const std::string& hex) {
-  Bytes bytes;
-  std::uint32_t scanned = 0;  // kept between pairs: a failed scan repeats the last byte
-  for (std::size_t i = 0; i + 2 <= hex.size(); i += 2) {
-    scanHexInt(hex.substr(i, 2), scanned);
-    bytes.push_back(static_cast<std::uint8_t>(scanned & 0xFF));
-  }
-  return bytes;
+  return onUnits(hex, [](auto units) {
+    Bytes bytes;
+    std::uint32_t scanned = 0;  // kept between pairs: a failed scan repeats the last byte
+    for (std::size_t i = 0; i + 2 <= units.size(); i += 2) {
+      scanHexInt(utf8(units.substr(i, 2)), scanned);
+      bytes.push_back(static_cast<std::uint8_t>(scanned & 0xFF));
+    }
+    return bytes;
+  });
 }
 
 namespace {
@@ -144,26 +190,29 @@ std::string ZDataCoverTool::stringAppendSpace(const std::string& text) {
 }
 
 Bytes ZDataCoverTool::coverFromHexStrToData(const std::string& hex) {
-  constexpr std::size_t kCapacity = 128;
-  if (hex.size() > kCapacity * 2) {
-    throw std::out_of_range("hex text of " + std::to_string(hex.size()) +
-                            " characters exceeds the 128-byte buffer");
-  }
-  Bytes bytes(kCapacity, 0);
-  std::size_t j = 0;
-  for (std::size_t i = 0; i < hex.size(); i += 2) {
-    const int c1 = static_cast<unsigned char>(hex[i]);
-    const int c2 = static_cast<unsigned char>(detail::cut(hex, i + 1, 1)[0]);
-    const bool upper1 = c1 >= 'A' && c1 <= 'F';
-    int high = c1 >= '0' && c1 <= '9' ? c1 - 48 : upper1 ? c1 - 55 : c1 - 87;
-    high *= 16;
-    // The letter case of the low digit is taken from the first character.
-    const int low = c2 >= '0' && c2 <= '9' ? c2 - 48 : upper1 ? c2 - 55 : c2 - 87;
-    const int value = high + low;
-    TQLog("int_ch=%d", value);
-    bytes[j++] = static_cast<std::uint8_t>(value);
-  }
-  return bytes;
+  return onUnits(hex, [](auto units) {
+    constexpr std::size_t kCapacity = 128;
+    if (units.size() > kCapacity * 2) {
+      throw std::out_of_range("hex text of " + std::to_string(units.size()) +
+                              " characters exceeds the 128-byte buffer");
+    }
+    using Unit = std::make_unsigned_t<typename decltype(units)::value_type>;
+    Bytes bytes(kCapacity, 0);
+    std::size_t j = 0;
+    for (std::size_t i = 0; i < units.size(); i += 2) {
+      const int c1 = static_cast<Unit>(units[i]);
+      const int c2 = static_cast<Unit>(piece(units, i + 1, 1)[0]);
+      const bool upper1 = c1 >= 'A' && c1 <= 'F';
+      int high = c1 >= '0' && c1 <= '9' ? c1 - 48 : upper1 ? c1 - 55 : c1 - 87;
+      high *= 16;
+      // The letter case of the low digit is taken from the first character.
+      const int low = c2 >= '0' && c2 <= '9' ? c2 - 48 : upper1 ? c2 - 55 : c2 - 87;
+      const int value = high + low;
+      TQLog("int_ch=%d", value);
+      bytes[j++] = static_cast<std::uint8_t>(value);
+    }
+    return bytes;
+  });
 }
 
 std::string ZDataCoverTool::coverFromStringToAsciiStr(const std::string& /*text*/) {

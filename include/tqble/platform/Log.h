@@ -8,7 +8,8 @@ namespace tqble {
 /// Receives every log line, without a trailing line feed.
 using LogSink = std::function<void(std::string_view line)>;
 
-/// Replaces the log sink; an empty sink restores the default (standard error).
+/// Replaces the log sink; an empty sink restores the default, which the environment
+/// variable TQBLE_LOG chooses: standard error (unset or "stderr"), "off", or a file path.
 void setLogSink(LogSink sink);
 
 /// Writes one printf-style line to the log sink: no level, no prefix.

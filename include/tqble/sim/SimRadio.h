@@ -32,8 +32,9 @@ inline constexpr std::int64_t kPeripheralDisconnectedCode = 7;
 inline constexpr std::int64_t kReadNotPermittedCode = 2;
 
 /// The process-wide simulated radio: one adapter, the posts in range, and every central
-/// made on it. Everything it reports goes through the main queue. Starts powered on and
-/// with no posts.
+/// made on it. Everything it reports goes through the main queue. Starts powered on; the
+/// first central finds one post with the default setup, a car plugged in, two past sessions
+/// and one logged error, unless the program added its own.
 class SimRadio {
  public:
   /// The radio of this process.
@@ -52,8 +53,9 @@ class SimRadio {
 
   Timing& timing() { return timing_; }
 
-  /// Puts a new post in range. Its clock counts from the main queue's time, so choose a
-  /// virtual clock (MainQueue::useVirtualClock) before adding posts.
+  /// Puts a new post in range; the first one replaces the default post unless that is
+  /// connected. Its clock counts from the main queue's time, so choose a virtual clock
+  /// (MainQueue::useVirtualClock) before adding posts.
   std::shared_ptr<VirtualPost> addPost(PostSetup setup = {});
   /// Takes a post out of range, dropping its links.
   void removePost(const std::shared_ptr<VirtualPost>& post);
@@ -71,6 +73,8 @@ class SimRadio {
   Timing timing_;
   std::vector<std::shared_ptr<VirtualPost>> posts_;
   std::vector<std::weak_ptr<ble::CentralManager>> centrals_;
+  bool postsAdded_ = false;
+  std::weak_ptr<VirtualPost> defaultPost_;
 };
 
 }  // namespace tqble::sim

@@ -51,6 +51,10 @@ void SimRadio::setPowered(bool on) {
 bool SimRadio::poweredOn() const { return state_ == ble::CentralManagerStatePoweredOn; }
 
 std::shared_ptr<VirtualPost> SimRadio::addPost(PostSetup setup) {
+  // A program's own post takes the place of the default one, unless that one is in use.
+  if (auto standIn = defaultPost_.lock(); standIn && !standIn->connected()) removePost(standIn);
+  defaultPost_.reset();
+  postsAdded_ = true;
   posts_.push_back(std::make_shared<VirtualPost>(std::move(setup)));
   return posts_.back();
 }
@@ -63,6 +67,18 @@ void SimRadio::removePost(const std::shared_ptr<VirtualPost>& post) {
 
 std::shared_ptr<ble::CentralManager> SimRadio::makeCentral(
     std::weak_ptr<ble::CentralManagerDelegate> delegate) {
+  if (!postsAdded_) {
+    // A first program finds a post: one with the default setup, until it adds its own.
+    postsAdded_ = true;
+    posts_.push_back(std::make_shared<VirtualPost>());
+    defaultPost_ = posts_.back();
+    // Some past life, so that its history and error log have something to show.
+    PostModel& model = posts_.back()->model();
+    model.addHistory({998, 12'400, 1'699'900'000, 1'699'907'200, 7200});
+    model.addHistory({999, 3'150, 1'699'950'000, 1'699'952'700, 2700});
+    model.addError({1'699'800'000, 8});
+    model.plugIn();  // a car waits, so that a first program can charge it
+  }
   auto central = std::make_shared<SimCentral>(std::move(delegate));
   centrals_.push_back(central);
   central->reportState(state_);

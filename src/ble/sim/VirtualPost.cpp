@@ -6,14 +6,14 @@
 // code, gets no answer at all.
 #include "tqble/sim/VirtualPost.h"
 
-#include "manager/FrameLayout.h"
+#include "protocol/Frame.h"
 
 #include <algorithm>
 
 namespace tqble::sim {
 namespace {
 
-using detail::kFrameHeaderLength;
+using protocol::kFrameHeaderLength;
 constexpr std::uint8_t kAccepted = 0x00;
 constexpr std::uint8_t kRefused = 0x01;
 
@@ -107,7 +107,7 @@ Bytes historyBody(const PostModel& model, bool allowTwentyByteTail) {
   }
   // The phone takes a piece shorter than 20 bytes as the end of a list, so an answer
   // must not end on a full piece.
-  if (!allowTwentyByteTail && (kFrameHeaderLength + body.size()) % 20 == 0) body.push_back(0);
+  if (!allowTwentyByteTail && (kFrameHeaderLength + body.size()) % protocol::kFullNotification == 0) body.push_back(0);
   return body;
 }
 
@@ -159,7 +159,7 @@ Bytes diagnosisBody(const PostModel& model) {
 VirtualPost::VirtualPost(PostSetup setup) : setup_(std::move(setup)), model_(setup_.identity) {}
 
 Bytes VirtualPost::answer(std::uint8_t cmd, const Bytes& body) {
-  Bytes frame = detail::buildFrame(cmd, 0x00, &body, 0x00);
+  Bytes frame = protocol::buildFrame(cmd, 0x00, &body, 0x00);
   answers_.push_back(frame);
   return frame;
 }
@@ -176,7 +176,7 @@ std::vector<Bytes> VirtualPost::handleWrite(const Bytes& write) {
     const Bytes body(write.begin() + static_cast<std::ptrdiff_t>(at + kFrameHeaderLength),
                      write.begin() + static_cast<std::ptrdiff_t>(end));
     // Intact means exactly the frame this post would build: start byte, length, checksum.
-    const Bytes expected = detail::buildFrame(cmd, write[at + 2], &body, setup_.checksumSeed);
+    const Bytes expected = protocol::buildFrame(cmd, write[at + 2], &body, setup_.checksumSeed);
     const bool intact = std::equal(expected.begin(), expected.end(),
                                    write.begin() + static_cast<std::ptrdiff_t>(at));
     if (write[at] != expected[0]) break;
@@ -187,7 +187,7 @@ std::vector<Bytes> VirtualPost::handleWrite(const Bytes& write) {
     auto ack = [&](bool ok) { out.push_back(answer(cmd, {ok && !refused ? kAccepted : kRefused})); };
     const std::uint8_t gun = static_cast<std::uint8_t>(model_.gunState());
     switch (cmd) {
-      case detail::kCmdSynchroTime:
+      case protocol::kCmdSynchroTime:
         if (body.size() == 4 && !refused) {
           const std::int32_t seconds = static_cast<std::int32_t>(body[0] | body[1] << 8 | body[2] << 16 |
                                                                  static_cast<std::uint32_t>(body[3]) << 24);
@@ -195,16 +195,16 @@ std::vector<Bytes> VirtualPost::handleWrite(const Bytes& write) {
         }
         ack(body.size() == 4);
         break;
-      case detail::kCmdSystemInfo:
+      case protocol::kCmdSystemInfo:
         out.push_back(answer(cmd, systemInfoBody(model_, gun)));
         break;
-      case detail::kCmdVolume: {
+      case protocol::kCmdVolume: {
         const int volume = volumeFrom(body);
         if (volume >= 0 && !refused) model_.setVolume(volume);
         ack(volume >= 0);
         break;
       }
-      case detail::kCmdOrder: {
+      case protocol::kCmdOrder: {
         bool ok = false;
         if (body.size() == 5 && body[0] == 0x01) {
           ok = body[1] < 24 && body[2] < 60 && body[3] < 24 && body[4] < 60;
@@ -216,13 +216,13 @@ std::vector<Bytes> VirtualPost::handleWrite(const Bytes& write) {
         ack(ok);
         break;
       }
-      case detail::kCmdStartCharging:
+      case protocol::kCmdStartCharging:
         ack(!refused && model_.startCharging());
         break;
-      case detail::kCmdStopCharge:
+      case protocol::kCmdStopCharge:
         ack(!refused && model_.stopCharging());
         break;
-      case detail::kCmdChargerState:
+      case protocol::kCmdChargerState:
         if (faults_.faultAnswer) {
           out.push_back(answer(cmd, faultBody(gun, *faults_.faultAnswer)));
         } else if (model_.gunState() == GunState::Fault) {
@@ -231,20 +231,20 @@ std::vector<Bytes> VirtualPost::handleWrite(const Bytes& write) {
           out.push_back(answer(cmd, stateBody(model_)));
         }
         break;
-      case detail::kCmdHistory:
+      case protocol::kCmdHistory:
         out.push_back(answer(cmd, historyBody(model_, faults_.allowTwentyByteTail)));
         break;
-      case detail::kCmdCumulation: {
+      case protocol::kCmdCumulation: {
         Bytes energy;
         putLE(energy, model_.cumulativeEnergy(), 4);
         energy.push_back(0);
         out.push_back(answer(cmd, energy));
         break;
       }
-      case detail::kCmdErrorLog:
+      case protocol::kCmdErrorLog:
         out.push_back(answer(cmd, errorLogBody(model_)));
         break;
-      case detail::kCmdDiagnosis:
+      case protocol::kCmdDiagnosis:
         out.push_back(answer(cmd, diagnosisBody(model_)));
         break;
       default:

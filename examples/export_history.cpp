@@ -1,0 +1,32 @@
+// Writes the post's charging sessions as CSV on standard output.
+#include <tqble/TQBle.h>
+
+#include <cstdio>
+
+using namespace tqble;
+
+int main() {
+  setLogSink([](std::string_view) {});
+  ChargerClient client;
+  int status = 1;
+  client.connect("", [&](const Outcome<ChargerClient::PeripheralPtr>& link) {
+    if (!link.ok()) return client.stop();
+    client.queryHistory([&](const Outcome<ChargingHistory>& history) {
+      if (history.ok()) {
+        std::printf("serial,start,end,duration_s,energy_kWh\n");
+        for (const TQBleChargeHistory& s : history.value()) {
+          std::printf("%s,%s,%s,%lld,%.3f\n", s.serialNumber.value_or("").c_str(),
+                      s.startTime.value_or("").c_str(), s.endTime.value_or("").c_str(),
+                      static_cast<long long>(units::seconds(s.duration)),
+                      units::kilowattHours(s.elecQuantity));
+        }
+        status = 0;
+      } else {
+        std::fprintf(stderr, "history: %s\n", history.error().message.c_str());
+      }
+      client.stop();
+    });
+  });
+  client.run();
+  return status;
+}

@@ -1,0 +1,293 @@
+#pragma once
+
+// A client for applications: a link that says when it is ready, one request at a time in
+// the order asked, a time-out on every step and a typed answer or a typed error for each
+// request. Built on the manager's public interface only; the manager does what it always
+// does. Everything runs on the main queue.
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "tqble/BLESDKConst.h"
+#include "tqble/Models.h"
+#include "tqble/TQBleManager.h"
+#include "tqble/TQBleManagerDelegate.h"
+#include "tqble/TQError.h"
+
+namespace tqble {
+
+/// Why a client step failed.
+enum class ClientErrorKind {
+  NotConnected,   ///< no ready link (and no reconnection under way)
+  WriteFailed,    ///< the manager refused the write: code 1001 or 1002
+  TimedOut,       ///< no (complete) answer or link in time
+  LinkLost,       ///< the link went down before the answer was complete
+  Malformed,      ///< the answer could not be decoded
+  ConnectFailed,  ///< the stack refused the connection
+  NotFound,       ///< no post heard whose name or identifier matches
+};
+
+/// A failed client step: its kind, the manager's code for WriteFailed (else 0) and a
+/// one-line English message.
+struct ClientError {
+  ClientErrorKind kind;
+  std::int64_t code = 0;
+  std::string message;
+};
+
+/// Short English name of an error kind ("timed out").
+const char* describe(ClientErrorKind kind);
+
+/// A request's outcome: its value, or why there is none.
+template <typename T>
+class Outcome {
+ public:
+  /// An answer.
+  Outcome(T value) : state_(std::move(value)) {}
+  /// A failure.
+  Outcome(ClientError error) : state_(std::move(error)) {}
+  /// Whether it holds an answer.
+  bool ok() const { return state_.index() == 0; }
+  /// The answer.  @throws std::bad_variant_access when the request failed.
+  const T& value() const { return std::get<0>(state_); }
+  /// The failure.  @throws std::bad_variant_access when the request succeeded.
+  const ClientError& error() const { return std::get<1>(state_); }
+
+ private:
+  std::variant<T, ClientError> state_;
+};
+
+/// Receives a request's outcome, on the main queue.
+template <typename T>
+using Completion = std::function<void(const Outcome<T>&)>;
+
+/// Unit conversions of the raw integers the decoders store, as the post sends them.
+namespace units {
+/// Voltage fields count 0.1 V.
+constexpr double volts(std::uint64_t raw) {
+  return static_cast<double>(raw) / 10.0;
+}
+/// Current fields count 0.1 A.
+constexpr double amperes(std::uint64_t raw) {
+  return static_cast<double>(raw) / 10.0;
+}
+/// Energy fields count watt-hours.
+constexpr double kilowattHours(std::uint64_t raw) {
+  return static_cast<double>(raw) / 1000.0;
+}
+/// Duration fields count seconds (a negative 32-bit value arrives sign-extended).
+constexpr std::int64_t seconds(std::uint64_t raw) {
+  return static_cast<std::int64_t>(raw);
+}
+}  // namespace units
+
+/// One system-information display row.
+struct InfoRow {
+  std::string title;
+  std::string content;
+};
+/// The ten rows: post number (always "获取系统信息"), type, maker, magic number, protocol
+/// version, firmware version, firmware model, volume, post clock, gun state.
+using SystemInfo = std::array<InfoRow, 10>;
+
+/// The charger state: gun status and, in a full answer, the running session. Raw fields
+/// as decoded: elecQuantity Wh, voltage 0.1 V, electric 0.1 A, duration s (see units).
+struct ChargerState {
+  TQBleChargingData data;
+  /// Whether the post answered with a fault code (failureReason holds its text).
+  bool fault() const { return data.failureReason.has_value(); }
+};
+
+/// A setting's acknowledgement.
+struct SettingResult {
+  std::int64_t resultType = TQSetCmdFailure;  ///< TQSetCmdSuccess or TQSetCmdFailure
+  bool accepted() const { return resultType == TQSetCmdSuccess; }
+};
+
+/// Charging sessions: elecQuantity Wh, duration s, start and end as local date texts.
+using ChargingHistory = std::vector<TQBleChargeHistory>;
+/// The post's lifetime delivered energy, in Wh (units::kilowattHours).
+struct CumulativeEnergy {
+  std::int32_t raw = 0;
+};
+/// Error-log entries: local date text and the post's code.
+using ErrorLog = std::vector<TQBleErrorListLog>;
+
+/// Reconnection after a link lost without disconnect(): how often and after how long.
+struct ReconnectPolicy {
+  int attempts = 0;  ///< 0: never
+  std::chrono::milliseconds delay{1000};
+};
+
+/// Time-outs and the reconnection policy of a client.
+struct ClientOptions {
+  std::chrono::milliseconds connectTimeout{10000};  ///< finding a post and readying its link
+  std::chrono::milliseconds requestTimeout{5000};   ///< a request's whole answer, once written
+  ReconnectPolicy reconnect;
+};
+
+/// The client of one post. One per process is meant (the manager is one); it makes itself
+/// the manager's delegate and forwards every call, unchanged and first, to the delegate
+/// set with setDelegate() (since the client implements the value-update call, the manager
+/// drops its record after each update). After each connection the first request waits for
+/// the system information the manager asks for by itself 3 s later.
+class ChargerClient {
+ public:
+  using PeripheralPtr = std::shared_ptr<ble::Peripheral>;
+  using Heard = std::function<void(const PeripheralPtr& peripheral, std::int64_t rssi)>;
+
+  /// Takes over the shared manager's delegate (forwarding to the one it had).
+  /// @throws std::runtime_error when the manager's backend does not exist.
+  explicit ChargerClient(ClientOptions options = {});
+  /// Gives the manager back the application's delegate; pending requests end silently.
+  ~ChargerClient();
+  ChargerClient(const ChargerClient&) = delete;
+  ChargerClient& operator=(const ChargerClient&) = delete;
+
+  /// The manager underneath.
+  TQBleManager& manager() { return *manager_; }
+  /// The application's delegate: receives every manager call, as the manager makes it.
+  void setDelegate(std::weak_ptr<TQBleManagerDelegate> delegate) {
+    appDelegate_ = std::move(delegate);
+  }
+  /// Errors no request owns (an answer the manager could not decode while nothing was
+  /// asked through the client). Default: one log line.
+  void setErrorHandler(std::function<void(const ClientError&)> handler) {
+    onError_ = std::move(handler);
+  }
+
+  // ---- Link ----
+
+  /// Scans and reports every advertisement until stopScan().
+  void scan(Heard heard);
+  /// Stops scanning.
+  void stopScan();
+  /// Connects; completes once the link is ready (both characteristics known and the
+  /// post's first read absorbed), or fails (ConnectFailed, TimedOut, LinkLost).
+  void connect(const PeripheralPtr& peripheral, Completion<PeripheralPtr> done);
+  /// Scans for the first post whose name or identifier equals `nameOrIdentifier` (any
+  /// post when empty) and connects to it; NotFound when none is heard in time.
+  void connect(const std::string& nameOrIdentifier, Completion<PeripheralPtr> done);
+  /// Closes the link; queued and running requests fail with NotConnected. No reconnection.
+  void disconnect();
+  /// Whether the link is ready.
+  bool ready() const { return link_ == Link::Ready; }
+  /// The post of the current (or last) link.
+  const PeripheralPtr& peripheral() const { return peripheral_; }
+
+  // ---- Requests: queued, written one at a time once the link is ready; asked while no
+  // link is open or being opened, they fail with NotConnected ----
+
+  /// Sets the post's clock to now.
+  void synchroTime(Completion<SettingResult> done);
+  /// The ten system-information rows, as the manager shows them.
+  void querySystemInfo(Completion<SystemInfo> done);
+  /// Volume 0-100; digits 0-9 travel as an empty body and the post may refuse them.
+  void setVolume(std::int64_t volume, Completion<SettingResult> done);
+  /// Reserves a charging period (hours 0-23, minutes 0-59).
+  void reserve(std::int64_t startHour, std::int64_t startMinute, std::int64_t endHour,
+               std::int64_t endMinute, Completion<SettingResult> done);
+  /// Starts charging; the post refuses unless a car is plugged in.
+  void startCharging(Completion<SettingResult> done);
+  /// The charger state, or its fault.
+  void queryChargerState(Completion<ChargerState> done);
+  /// Stop charging, as the post acknowledged it (the manager itself always reports success).
+  void stopCharging(Completion<SettingResult> done);
+  /// Live charging data: the state request, read as the state answer.
+  void queryChargingData(Completion<ChargerState> done);
+  /// The charging sessions.
+  void queryHistory(Completion<ChargingHistory> done);
+  /// The energy delivered over the post's life.
+  void queryCumulativeEnergy(Completion<CumulativeEnergy> done);
+  /// The error log.
+  void queryErrorLog(Completion<ErrorLog> done);
+  /// The running diagnostics (texts with their units, as decoded).
+  void queryDiagnostics(Completion<TQBleRunDiagnosticInfo> done);
+  /// Requests waiting or running.
+  std::size_t queued() const { return queue_.size(); }
+
+  // ---- Run loop: the main queue, surviving answers the manager cannot decode ----
+
+  /// Runs the main queue until stop().
+  void run();
+  /// Runs until `done()` holds or `limit` has passed; returns `done()`.
+  bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit);
+  /// Makes run() return after the current task.
+  void stop();
+
+ private:
+  enum class Link { Idle, Finding, Connecting, Discovering, Ready };
+  using Issue = std::function<void(TQBleManager&, const TQErrorHandler&)>;
+  struct Request {
+    std::int64_t tag;   // the manager's pending-command tag
+    std::uint8_t code;  // the command code its answer carries
+    Issue issue;
+    std::function<void(const Bytes& answer, const ClientError* error)> finish;
+  };
+
+  template <typename T>
+  void enqueue(std::int64_t tag, std::uint8_t code, Issue issue,
+               std::function<T(const Bytes&)> value, Completion<T> done);
+  std::function<SettingResult(const Bytes&)> settingResult();
+  std::function<ChargerState(const Bytes&)> chargerState();
+
+  void installDelegate();
+  void after(std::chrono::milliseconds delay, std::function<void(ChargerClient&)> task);
+  void startScanning();
+  bool beginConnect(Completion<PeripheralPtr>& done);
+  void startConnecting(const PeripheralPtr& peripheral);
+  void armConnectTimeout();
+  void linkUp(const PeripheralPtr& peripheral);
+  void linkDown(const std::optional<TQError>& platformError, bool failed);
+  void connectDone(const ClientError* error);
+  void releaseHold();
+  void pump();
+  void dispatch();
+  void complete(const ClientError* error);
+  void failAll(const ClientError& error);
+  void clearPending();
+  void onAnswer(std::int64_t tag, const Bytes& answer);
+  void onUpdate();
+  void onRangeError(const std::out_of_range& range);
+
+  ClientOptions options_;
+  std::shared_ptr<TQBleManager> manager_;
+  std::shared_ptr<TQBleManagerDelegate> ownDelegate_;
+  std::weak_ptr<TQBleManagerDelegate> appDelegate_;
+  std::uint64_t observer_ = 0;
+  std::function<void(const ClientError&)> onError_;
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  // guards queued tasks
+
+  Link link_ = Link::Idle;
+  PeripheralPtr peripheral_;
+  std::string wanted_;
+  Heard heard_;
+  bool scanWanted_ = false;
+  Completion<PeripheralPtr> connectDone_;
+  std::uint64_t attempt_ = 0;  // tells a stale link timer from the current one
+  bool userClosed_ = false;
+  int reconnectsLeft_ = 0;
+  // The manager asks for the system information by itself 3 s after each connection;
+  // requests wait for that answer so that neither takes the other's.
+  bool holdForAutoQuery_ = false;
+  bool autoQueryDue_ = false;
+  bool autoAnswered_ = false;
+
+  std::deque<Request> queue_;  // the front one runs when inFlight_
+  bool inFlight_ = false;
+  std::uint64_t generation_ = 0;  // tells a stale request time-out from the current one
+  std::optional<Bytes> answer_;   // the running request's answer, seen before dispatch
+  bool stale_ = false;            // the manager took bytes that are not the running answer
+  bool stopped_ = false;
+};
+
+}  // namespace tqble

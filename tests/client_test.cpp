@@ -1,0 +1,311 @@
+// The client against the virtual post on virtual time: the ready moment, the queue, every
+// command's typed answer, every way a request fails, and what the manager still does.
+#include <gtest/gtest.h>
+
+#include "support/Hex.h"
+#include "tqble/client/ChargerClient.h"
+#include "tqble/platform/Log.h"
+#include "tqble/platform/MainQueue.h"
+#include "tqble/sim/SimRadio.h"
+
+namespace tqble {
+namespace {
+
+using namespace std::chrono_literals;
+using test::hex;
+
+struct ClientSession {
+  explicit ClientSession(ClientOptions options = {}, sim::PostSetup setup = {}) {
+    MainQueue::main().useVirtualClock();
+    TQBleManager::useBackend("sim");
+    post = sim::SimRadio::shared().addPost(std::move(setup));
+    post->model().setClock(1'700'000'000);
+    client = std::make_unique<ChargerClient>(options);
+  }
+  /// Connects to the first post heard and lets the manager's own query after connecting end.
+  void connect() {
+    std::optional<Outcome<ChargerClient::PeripheralPtr>> outcome;
+    client->connect("", [&](const auto& o) { outcome = o; });
+    ASSERT_TRUE(client->runUntil([&] { return outcome.has_value(); }, 15s));
+    ASSERT_TRUE(outcome->ok()) << outcome->error().message;
+    client->runUntil([] { return false; }, 4s);
+  }
+  /// Runs one request to its end and returns its outcome.
+  template <typename T>
+  Outcome<T> ask(void (ChargerClient::*request)(Completion<T>)) {
+    std::optional<Outcome<T>> outcome;
+    (client.get()->*request)([&](const Outcome<T>& o) { outcome = o; });
+    client->runUntil([&] { return outcome.has_value(); }, 30s);
+    return outcome.value_or(Outcome<T>(ClientError{ClientErrorKind::NotFound, 0, "never ended"}));
+  }
+  bool nothingPending() {
+    return client->manager().cmdType() == 0 && client->manager().systemInfoData().empty();
+  }
+
+  std::shared_ptr<sim::VirtualPost> post;
+  std::unique_ptr<ChargerClient> client;
+};
+
+std::vector<std::uint8_t> codesWritten(const sim::VirtualPost& post) {
+  std::vector<std::uint8_t> codes;
+  for (const Bytes& write : post.receivedWrites()) codes.push_back(write.at(1));
+  return codes;
+}
+
+TEST(ChargerClient, IsReadyAfterTheFirstReadAndNoRequestTakesThatReadForItsAnswer) {
+  // The post's first read holds a refused start-charging acknowledgement.
+  sim::PostSetup setup;
+  setup.initialReadValue = hex("68 b4 00 00 01 00 00 dc 01");
+  ClientSession s({}, setup);
+  s.post->model().plugIn();
+  std::optional<Outcome<SettingResult>> started;
+  bool readyAtConnect = false;
+  s.client->connect("TQ-AC7-0042", [&](const auto& o) {
+    readyAtConnect = o.ok() && s.client->ready() && s.client->manager().readCharacteristic();
+    s.client->startCharging([&](const auto& r) { started = r; });
+  });
+  const auto begun = MainQueue::main().now();
+  ASSERT_TRUE(s.client->runUntil([&] { return readyAtConnect; }, 5s));
+  EXPECT_LT(MainQueue::main().now() - begun, 1s);
+  ASSERT_TRUE(s.client->runUntil([&] { return started.has_value(); }, 10s));
+  ASSERT_TRUE(started->ok());
+  EXPECT_TRUE(started->value().accepted());
+  EXPECT_EQ(s.post->model().gunState(), sim::GunState::Charging);
+  // The manager's own query 3 s after connecting went first, alone.
+  EXPECT_EQ(codesWritten(*s.post), (std::vector<std::uint8_t>{0xB1, 0xB4}));
+}
+
+TEST(ChargerClient, WritesRequestsOneAtATimeInTheOrderAsked) {
+  ClientSession s;
+  s.connect();
+  std::vector<std::string> ended;
+  auto note = [&](const char* name) {
+    return [&ended, name](const auto&) { ended.push_back(name); };
+  };
+  s.client->queryChargerState(note("state"));
+  s.client->synchroTime(note("time"));
+  s.client->setVolume(35, note("volume"));
+  s.client->queryHistory(note("history"));
+  EXPECT_EQ(s.client->queued(), 4u);
+  s.client->runUntil([&] { return ended.size() == 4; }, 10s);
+  EXPECT_EQ(ended, (std::vector<std::string>{"state", "time", "volume", "history"}));
+  EXPECT_EQ(codesWritten(*s.post), (std::vector<std::uint8_t>{0xB1, 0xB5, 0xB0, 0xB2, 0xB7}));
+  EXPECT_EQ(s.post->model().volume(), 35);
+}
+
+TEST(ChargerClient, GivesEveryCommandItsTypedAnswerFromThePost) {
+  ClientSession s;
+  auto& model = s.post->model();
+  model.addError({1'699'800'000, 8});
+  model.plugIn();
+  s.connect();
+  using C = ChargerClient;
+
+  const auto info = s.ask<SystemInfo>(&C::querySystemInfo).value();
+  EXPECT_EQ(info[0].content, "获取系统信息");
+  EXPECT_EQ(info[2].content, "Velmora");
+  EXPECT_EQ(info[5].content, "1.2.10");
+  EXPECT_EQ(info[9].title, "枪状态");
+  EXPECT_EQ(info[9].content, "插枪未充电");
+  EXPECT_TRUE(s.ask<SettingResult>(&C::synchroTime).value().accepted());
+  EXPECT_TRUE(s.ask<SettingResult>(&C::startCharging).value().accepted());
+  MainQueue::main().runFor(60s);
+  for (auto query : {&C::queryChargerState, &C::queryChargingData}) {
+    const auto state = s.ask<ChargerState>(query).value();
+    EXPECT_EQ(state.data.gunStatus, "正在充电中");
+    EXPECT_FALSE(state.fault());
+    EXPECT_DOUBLE_EQ(units::volts(state.data.voltage), 220.0);
+    EXPECT_DOUBLE_EQ(units::amperes(state.data.electric), 31.8);
+    EXPECT_GE(units::seconds(state.data.duration), 60);
+  }
+  EXPECT_TRUE(s.ask<SettingResult>(&C::stopCharging).value().accepted());
+  const auto history = s.ask<ChargingHistory>(&C::queryHistory).value();
+  ASSERT_EQ(history.size(), 1u);
+  EXPECT_EQ(history[0].serialNumber, std::to_string(model.history()[0].serial));
+  EXPECT_EQ(history[0].elecQuantity, model.history()[0].energy);
+  const auto energy = s.ask<CumulativeEnergy>(&C::queryCumulativeEnergy).value();
+  EXPECT_EQ(static_cast<std::uint32_t>(energy.raw), model.cumulativeEnergy());
+  const auto errors = s.ask<ErrorLog>(&C::queryErrorLog).value();
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_EQ(errors[0].errorCode, 8u);
+  EXPECT_EQ(errors[0].date, "2023-11-12 14:40:00");
+  EXPECT_EQ(s.ask<TQBleRunDiagnosticInfo>(&C::queryDiagnostics).value().versionNum, "V1.2.10");
+
+  std::optional<Outcome<SettingResult>> volume, reserved;
+  s.client->setVolume(35, [&](const auto& o) { volume = o; });
+  s.client->reserve(22, 30, 6, 0, [&](const auto& o) { reserved = o; });
+  s.client->runUntil([&] { return reserved.has_value(); }, 10s);
+  EXPECT_TRUE(volume->value().accepted());
+  EXPECT_TRUE(reserved->value().accepted());
+  EXPECT_EQ(model.reservation()->startMinute, 30);
+
+  s.post->faults().refuse = {0xB6};
+  EXPECT_FALSE(s.ask<SettingResult>(&C::stopCharging).value().accepted());
+  s.post->faults().faultAnswer = sim::FaultOverVoltage;
+  const auto fault = s.ask<ChargerState>(&C::queryChargerState).value();
+  EXPECT_TRUE(fault.fault());
+  EXPECT_EQ(fault.data.failureReason, "过压");
+}
+
+TEST(ChargerClient, EndsEveryRequestWhoseAnswerNeverComesWithATimeOutAndNothingPending) {
+  ClientSession s({.connectTimeout = 10s, .requestTimeout = 2s, .reconnect = {}});
+  s.connect();
+  s.post->faults().mute = true;
+  using C = ChargerClient;
+  std::vector<ClientErrorKind> kinds;
+  auto check = [&](const auto& outcome) {
+    kinds.push_back(outcome.ok() ? ClientErrorKind::NotFound : outcome.error().kind);
+    EXPECT_TRUE(s.nothingPending());
+  };
+  check(s.ask<SettingResult>(&C::synchroTime));
+  check(s.ask<SystemInfo>(&C::querySystemInfo));
+  check(s.ask<SettingResult>(&C::startCharging));
+  check(s.ask<ChargerState>(&C::queryChargerState));
+  check(s.ask<SettingResult>(&C::stopCharging));
+  check(s.ask<ChargerState>(&C::queryChargingData));
+  check(s.ask<ChargingHistory>(&C::queryHistory));
+  check(s.ask<CumulativeEnergy>(&C::queryCumulativeEnergy));
+  check(s.ask<ErrorLog>(&C::queryErrorLog));
+  check(s.ask<TQBleRunDiagnosticInfo>(&C::queryDiagnostics));
+  EXPECT_EQ(kinds, std::vector<ClientErrorKind>(10, ClientErrorKind::TimedOut));
+}
+
+TEST(ChargerClient, NeverGluesTheRestOfAnUnansweredRequestToTheNextAnswer) {
+  // Alone, the manager would read the refused time sync behind the half state answer as
+  // success (body byte 0 of the state answer is 00).
+  ClientSession s({.connectTimeout = 10s, .requestTimeout = 2s, .reconnect = {}});
+  s.connect();
+  s.post->faults().lostNotifications = {1};
+  EXPECT_EQ(s.ask<ChargerState>(&ChargerClient::queryChargerState).error().kind,
+            ClientErrorKind::TimedOut);
+  s.post->faults().lostNotifications.clear();
+  s.post->faults().refuse = {0xB0};
+  const auto refused = s.ask<SettingResult>(&ChargerClient::synchroTime);
+  ASSERT_TRUE(refused.ok());
+  EXPECT_FALSE(refused.value().accepted());
+}
+
+TEST(ChargerClient, WaitsAgainWhenBytesOfAnEarlierAnswerArriveFirst) {
+  ClientSession s({.connectTimeout = 10s, .requestTimeout = 1s, .reconnect = {}});
+  s.connect();
+  // The state answer's second piece comes after its request has timed out, while the
+  // refused time sync waits for its own answer.
+  s.post->faults().lateNotifications = {{1, 1100ms}};
+  EXPECT_EQ(s.ask<ChargerState>(&ChargerClient::queryChargerState).error().kind,
+            ClientErrorKind::TimedOut);
+  s.post->faults().lateNotifications.clear();
+  s.post->faults().refuse = {0xB0};
+  s.post->faults().lateNotifications = {{0, 200ms}};
+  const auto refused = s.ask<SettingResult>(&ChargerClient::synchroTime);
+  ASSERT_TRUE(refused.ok()) << refused.error().message;
+  EXPECT_FALSE(refused.value().accepted());
+  EXPECT_TRUE(s.nothingPending());
+}
+
+TEST(ChargerClient, TurnsAnAnswerTheDecoderCannotReadIntoAFailureAndGoesOn) {
+  ClientSession s;
+  for (int i = 0; i < 3; ++i) s.post->model().addError({1'699'800'000 + i, 1});
+  s.connect();
+  std::vector<std::string> unowned;
+  s.client->setErrorHandler([&](const ClientError& e) { unowned.push_back(e.message); });
+  // The first piece of the error log is short: the manager dispatches it and its decoder
+  // finds three entries counted and none present.
+  s.post->faults().chunkSizes = {11};
+  const auto log = s.ask<ErrorLog>(&ChargerClient::queryErrorLog);
+  ASSERT_FALSE(log.ok());
+  EXPECT_EQ(log.error().kind, ClientErrorKind::Malformed);
+  EXPECT_TRUE(s.nothingPending());
+  // The same answer to a command the application wrote itself belongs to no request.
+  s.client->manager().queryHistoryErrorLogListWithError(nullptr);
+  s.client->runUntil([&] { return !unowned.empty(); }, 2s);
+  ASSERT_EQ(unowned.size(), 1u);
+  EXPECT_TRUE(unowned[0].starts_with("the answer could not be decoded")) << unowned[0];
+  s.post->faults().chunkSizes.clear();
+  EXPECT_EQ(s.ask<ErrorLog>(&ChargerClient::queryErrorLog).value().size(), 3u);
+}
+
+TEST(ChargerClient, FailsARequestCutByALinkLossAndServesTheNextOnTheReconnectedLink) {
+  ClientSession s({.connectTimeout = 10s, .requestTimeout = 5s, .reconnect = {1, 500ms}});
+  for (int i = 0; i < 5; ++i) s.post->model().addError({1'699'800'000 + i, 2});
+  s.connect();
+  std::vector<std::string> unowned;
+  s.client->setErrorHandler([&](const ClientError& e) { unowned.push_back(e.message); });
+  // Lost after the first 20-byte piece; the reconnected link's first read then returns
+  // that piece, which an error log left pending would take for its answer.
+  s.post->faults().dropLinkAfterNotifications = 1;
+  const auto cut = s.ask<ErrorLog>(&ChargerClient::queryErrorLog);
+  ASSERT_FALSE(cut.ok());
+  EXPECT_EQ(cut.error().kind, ClientErrorKind::LinkLost);
+  ASSERT_TRUE(s.client->runUntil([&] { return s.client->ready(); }, 5s));
+  EXPECT_TRUE(s.nothingPending());
+  const auto again = s.ask<ErrorLog>(&ChargerClient::queryErrorLog);
+  ASSERT_TRUE(again.ok()) << again.error().message;
+  EXPECT_EQ(again.value().size(), 5u);
+  EXPECT_EQ(unowned, std::vector<std::string>{});
+}
+
+TEST(ChargerClient, ReportsEachFailureByItsKind) {
+  {
+    ClientSession s;
+    EXPECT_EQ(s.ask<ChargerState>(&ChargerClient::queryChargerState).error().kind,
+              ClientErrorKind::NotConnected);
+    std::optional<Outcome<ChargerClient::PeripheralPtr>> found;
+    s.client->connect("no such post", [&](const auto& o) { found = o; });
+    s.client->runUntil([&] { return found.has_value(); }, 20s);
+    EXPECT_EQ(found->error().kind, ClientErrorKind::NotFound);
+    EXPECT_EQ(found->error().message, "no post named 'no such post' heard");
+    s.post->faults().connectionError = TQError{"connection refused", 6, {}};
+    found.reset();
+    s.client->connect("SIM-POST-0001", [&](const auto& o) { found = o; });
+    s.client->runUntil([&] { return found.has_value(); }, 20s);
+    EXPECT_EQ(found->error().kind, ClientErrorKind::ConnectFailed);
+    EXPECT_EQ(found->error().message, "the connection failed (connection refused)");
+    s.post->faults().connectionError.reset();
+    s.connect();
+    s.client->manager().setWriteCharacteristic(nullptr);
+    const auto refused = s.ask<SettingResult>(&ChargerClient::synchroTime);
+    EXPECT_EQ(refused.error().kind, ClientErrorKind::WriteFailed);
+    EXPECT_EQ(refused.error().code, 1001);
+    EXPECT_EQ(refused.error().message, "write failed (1001): 蓝牙写入特征为空，请检查蓝牙连接设备");
+    EXPECT_TRUE(s.nothingPending());
+  }
+}
+
+TEST(ChargerClient, LeavesTheApplicationDelegateEveryManagerCallAsTheManagerMakesIt) {
+  std::vector<std::string> heard;
+  auto app = std::make_shared<TQBleManagerDelegate>();
+  app->didDiscoverPeripheral = [&](auto&, const auto& p, std::int64_t rssi) {
+    heard.push_back("discover " + p->identifier() + " " + std::to_string(rssi));
+  };
+  app->didConnectPeripheral = [&](auto& m, const auto&) {
+    heard.push_back(m.writeCharacteristic() ? "connect, write known" : "connect");
+  };
+  app->didUpdateValueForCharacteristicValue = [&](auto& m, const auto& model, const auto&) {
+    heard.push_back(model->chargingData ? "update: " + model->chargingData->gunStatus.value_or("")
+                                        : "update, tag " + std::to_string(m.cmdType()));
+  };
+  app->didDisconnectPeripheral = [&](auto&, const auto&, const auto& e) {
+    heard.push_back(e ? "disconnect with error" : "disconnect");
+  };
+  {
+    MainQueue::main().useVirtualClock();
+    TQBleManager::shareManager()->setDelegate(app);
+    ChargerClient client;
+    std::optional<Outcome<ChargerClient::PeripheralPtr>> linked;
+    client.connect("", [&](const auto& o) { linked = o; });
+    client.runUntil([&] { return linked.has_value(); }, 5s);
+    std::optional<Outcome<ChargerState>> state;
+    client.queryChargerState([&](const auto& o) { state = o; });
+    client.runUntil([&] { return state.has_value(); }, 10s);
+    client.disconnect();
+    client.runUntil([] { return false; }, 1s);
+  }
+  EXPECT_EQ(TQBleManager::shareManager()->delegate().lock(), app);
+  EXPECT_EQ(heard, (std::vector<std::string>{
+                       "discover SIM-POST-0001 -58", "connect", "update, tag 0",  // first read
+                       "update, tag 2", "update, tag 2", "update, tag 2", "update, tag 0",
+                       "update, tag 6", "update: 未知", "disconnect"}));
+}
+
+}  // namespace
+}  // namespace tqble
