@@ -12,11 +12,12 @@ else
 BUILD ?= build
 endif
 JOBS ?= $(shell nproc)
+FUZZ_SECONDS ?= 60
 RELEASE = cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DTQBLE_BUILD_TESTS=OFF >/dev/null
 
 RADIO_PACKAGES = qemu-system-x86 bluez bluez-test-tools busybox-static kmod cpio
 
-.PHONY: all setup configure build test demo bench package check-fresh test-tsan test-radio clean format
+.PHONY: all setup configure build test demo bench package check-fresh test-tsan test-radio fuzz memcheck clean format
 
 all: build
 
@@ -65,8 +66,21 @@ package: setup
 check-fresh:
 	@./scripts/check-fresh-debian.sh
 
+# Each libFuzzer harness for FUZZ_SECONDS, built with clang in build-fuzz.
+fuzz: setup
+	@FUZZ_SECONDS=$(FUZZ_SECONDS) JOBS=$(JOBS) ./scripts/fuzz.sh
+
+# Every test under valgrind (slow): a plain Debug build in build-memcheck. Three examples
+# and the CLI's client commands wait for answers in real time, and valgrind's slowdown
+# outlasts their time-outs: they are left to `make test`.
+REAL_TIME_TESTS = ^(Examples\.(read_state|charging_session|export_history)|CommandLineTool\.(Asks|Watches))
+memcheck: setup
+	@cmake -S . -B build-memcheck -DCMAKE_BUILD_TYPE=Debug -DTQBLE_BUILD_BENCH=OFF >/dev/null
+	@cmake --build build-memcheck -j $(JOBS)
+	@cd build-memcheck && ctest -T memcheck -j $(JOBS) --output-on-failure -E '$(REAL_TIME_TESTS)'
+
 format:
 	@clang-format -i $$(git ls-files '*.h' '*.cpp')
 
 clean:
-	@rm -rf build build-asan build-coverage build-release build-tsan
+	@rm -rf build build-asan build-coverage build-release build-tsan build-fuzz build-memcheck

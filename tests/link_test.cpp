@@ -91,6 +91,8 @@ struct EndCase {
 };
 
 class EndedLink : public testing::TestWithParam<EndCase> {};
+// GoogleTest prints a case by its name, never by its raw bytes.
+void PrintTo(const EndCase& c, std::ostream* os) { *os << c.name; }
 
 // The link ends before the automatic query, which still goes out, to nowhere, unreported.
 TEST_P(EndedLink, KeepsTheCharacteristicsTheQueryGoesNowhereAndAReconnectionReplacesThem) {

@@ -23,6 +23,8 @@ struct SplitCase {
 };
 
 class AnswerSplit : public testing::TestWithParam<SplitCase> {};
+// GoogleTest prints a case by its name, never by its raw bytes.
+void PrintTo(const SplitCase& c, std::ostream* os) { *os << c.name; }
 
 TEST_P(AnswerSplit, CompletesByItsRuleOrWaits) {
   const SplitCase& c = GetParam();

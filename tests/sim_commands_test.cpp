@@ -37,6 +37,8 @@ bool isCharging(S s, A) { return s.log.updates.back()->chargingData->gunStatus =
 // clang-format on
 
 class EveryCommand : public testing::TestWithParam<CommandCase> {};
+// GoogleTest prints a case by its name, never by its raw bytes.
+void PrintTo(const CommandCase& c, std::ostream* os) { *os << c.name; }
 
 TEST_P(EveryCommand, MakesOneAnswerOneDelegateCallPerNotificationAndItsChangeToThePost) {
   const CommandCase& c = GetParam();
