@@ -49,7 +49,8 @@ fi
 
 mount -t sysfs sys /sys; mount -t devtmpfs dev /dev 2>/dev/null
 mkdir -p /dev/pts; mount -t devpts devpts /dev/pts
-mount -t tmpfs tmpfs /run; mount -t tmpfs tmpfs /tmp; mkdir -p /run/dbus /var/lib/bluetooth
+# /tmp stays the overlay (already writable): a build folder may live under the host's /tmp.
+mount -t tmpfs tmpfs /run; mkdir -p /run/dbus /var/lib/bluetooth
 KVER=$(uname -r); KDIR=$(arg radio_kdir)
 mkdir -p /lib/modules/$KVER; mount --bind "$KDIR/lib/modules/$KVER" /lib/modules/$KVER
 uptime_s() { cut -d' ' -f1 /proc/uptime; }
