@@ -12,6 +12,8 @@ else
 BUILD ?= build
 endif
 JOBS ?= $(shell nproc)
+# The build tool's own makes inherit this: no "Entering directory" lines in the output.
+MAKEFLAGS += --no-print-directory
 FUZZ_SECONDS ?= 60
 RELEASE = cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DTQBLE_BUILD_TESTS=OFF >/dev/null
 
