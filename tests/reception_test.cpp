@@ -38,7 +38,7 @@ TEST_P(AnswerSplit, CompletesByItsRuleOrWaits) {
   EXPECT_EQ(s.log.updates.size(), c.delegateCalls);
   EXPECT_EQ(std::set(s.log.updates.begin(), s.log.updates.end()).size(), c.delegateCalls)
       << "each notification hands the delegate a fresh record";
-  EXPECT_EQ(s.tappedSizes(), c.dispatched);
+  EXPECT_EQ(s.log.tappedSizes(), c.dispatched);
   EXPECT_EQ(s.manager->cmdType(), c.tagAfter);
   EXPECT_EQ(s.manager->systemInfoData().size(), c.bufferAfter);
 }
@@ -89,7 +89,7 @@ TEST(Reception, ALinkLostMidAnswerLeavesItPendingUntilTheNextConnectionsQuery) {
   EXPECT_EQ(s.manager->systemInfoData().size(), 40u);
   s.manager->startConnectPeripheral(peripheral);
   s.run(4s);
-  EXPECT_EQ(s.tappedSizes(), Sizes{67}) << "the automatic query starts over";
+  EXPECT_EQ(s.log.tappedSizes(), Sizes{67}) << "the automatic query starts over";
   EXPECT_EQ(s.manager->cmdType(), 0);
 }
 

@@ -12,23 +12,13 @@
 
 #include "tqble/TQBleManager.h"
 #include "tqble/platform/MainQueue.h"
+#include "support/Commands.h"
+#include "support/Recorder.h"
 #include "tqble/sim/SimRadio.h"
 
 namespace tqble::test {
 
 using namespace std::chrono_literals;
-using Errors = std::vector<std::optional<TQError>>;
-
-/// What the delegate heard, in order.
-struct DelegateLog {
-  std::vector<std::int64_t> states;
-  std::vector<std::pair<std::shared_ptr<ble::Peripheral>, std::int64_t>> discoveries;
-  int connects = 0;
-  std::vector<std::optional<std::int64_t>> disconnects;  // error codes
-  Errors failures, updateErrors;
-  std::vector<std::shared_ptr<TQBleDataModel>> updates;
-  bool writeKnownAtConnect = false;  // when didConnectPeripheral came
-};
 
 class SimSession {
  public:
@@ -38,20 +28,7 @@ class SimSession {
     TQBleManager::useBackend("sim");
     post = radio().addPost();
     manager = TQBleManager::shareManager();
-    delegate = std::make_shared<TQBleManagerDelegate>();
-    DelegateLog* l = &log;
-    // clang-format off
-    delegate->tqbleManagerCenterState = [l](std::int64_t s) { l->states.push_back(s); };
-    delegate->didDiscoverPeripheral = [l](auto&, const auto& p, std::int64_t rssi) { l->discoveries.emplace_back(p, rssi); };
-    delegate->didConnectPeripheral = [l](TQBleManager& m, const auto&) { ++l->connects, l->writeKnownAtConnect = m.writeCharacteristic() != nullptr; };
-    delegate->didDisconnectPeripheral = [l](auto&, const auto&, const auto& e) { l->disconnects.push_back(e ? std::optional{e->code} : std::nullopt); };
-    delegate->didFailToConnectPeripheral = [l](auto&, const auto&, const auto& e) { l->failures.push_back(e); };
-    if (withUpdates)
-      delegate->didUpdateValueForCharacteristicValue = [l](auto&, const auto& m, const auto& e) { l->updates.push_back(m), l->updateErrors.push_back(e); };
-    // clang-format on
-    manager->setDelegate(delegate);
-    manager->addAnswerObserver(
-        [this](std::int64_t tag, const Bytes& answer) { tapped.emplace_back(tag, answer); });
+    log.attach(*manager, withUpdates);
   }
 
   static sim::SimRadio& radio() { return sim::SimRadio::shared(); }
@@ -82,8 +59,7 @@ class SimSession {
   }
 
   void clearLog() {
-    log = DelegateLog{};
-    tapped.clear();
+    log.clear();
     errors.clear();
   }
 
@@ -98,31 +74,18 @@ class SimSession {
     return [this](const TQError& e) { errors.push_back(e); };
   }
 
-  /// The lengths of the answers the tap saw, in order.
-  std::vector<std::size_t> tappedSizes() const {
-    std::vector<std::size_t> sizes;
-    for (const auto& t : tapped) sizes.push_back(t.second.size());
-    return sizes;
-  }
-
   std::shared_ptr<sim::VirtualPost> post;
   std::shared_ptr<TQBleManager> manager;
-  std::shared_ptr<TQBleManagerDelegate> delegate;
-  DelegateLog log;
-  std::vector<std::pair<std::int64_t, Bytes>> tapped;  // complete answers with their tags
+  Recorder log;
+  std::vector<std::pair<std::int64_t, Bytes>>& tapped = log.tapped;
   std::vector<TQError> errors;
 };
 
-/// The commands the tables send.
-// clang-format off
-inline void systemInfo(TQBleManager& m) { m.querySystemInfoWithError(nullptr); }
-inline void state(TQBleManager& m) { m.queryChargerStateWithError(nullptr); }
-inline void history(TQBleManager& m) { m.queryHistoryChargingListWithError(nullptr); }
-inline void energy(TQBleManager& m) { m.queryCumulationElecQuantityWithError(nullptr); }
-inline void errorLog(TQBleManager& m) { m.queryHistoryErrorLogListWithError(nullptr); }
-inline void diagnosis(TQBleManager& m) { m.runningDiagnosticInfoWithError(nullptr); }
-inline void stopCharge(TQBleManager& m) { m.stopChargeWithError(nullptr); }
-// clang-format on
+/// Rows of the command table issued without an error handler, for tables of calls.
+template <std::size_t Row>
+void issue(TQBleManager& m) { kCommandRows[Row].issue(m, nullptr); }
+constexpr auto systemInfo = issue<1>, state = issue<5>, stopCharge = issue<7>, history = issue<8>,
+               energy = issue<9>, errorLog = issue<10>, diagnosis = issue<11>;
 
 /// Names a parameterised case after its `name` field.
 inline constexpr auto caseName = [](const auto& info) { return std::string(info.param.name); };
