@@ -2,6 +2,7 @@
 // command's typed answer, every way a request fails, and what the manager still does.
 #include <gtest/gtest.h>
 
+#include "support/Commands.h"
 #include "support/Hex.h"
 #include "tqble/client/ChargerClient.h"
 #include "tqble/platform/Log.h"
@@ -97,50 +98,40 @@ TEST(ChargerClient, WritesRequestsOneAtATimeInTheOrderAsked) {
   EXPECT_EQ(s.post->model().volume(), 35);
 }
 
-TEST(ChargerClient, GivesEveryCommandItsTypedAnswerFromThePost) {
+/// Asks `row` through the client and returns how it ended (empty: answered).
+std::optional<ClientError> askRow(ChargerClient& client, const test::CommandRow& row) {
+  std::optional<std::optional<ClientError>> ended;
+  row.ask(client, [&](const auto& error) { ended = error; });
+  client.runUntil([&] { return ended.has_value(); }, 30s);
+  return ended.value_or(ClientError{ClientErrorKind::NotFound, 0, "never ended"});
+}
+
+TEST(ChargerClient, AnswersEveryCommandOfTheTableInItsOrderWithThePostsChange) {
   ClientSession s;
-  auto& model = s.post->model();
-  model.addError({1'699'800'000, 8});
-  model.plugIn();
+  s.connect();
+  for (const auto& row : test::kCommandRows) {
+    if (row.prepare) row.prepare(s.post->model());
+    const auto error = askRow(*s.client, row);
+    EXPECT_FALSE(error) << row.name << ": " << error->message;
+    EXPECT_EQ(s.post->receivedWrites().back().at(1), row.code) << row.name;
+    EXPECT_TRUE(s.nothingPending()) << row.name;
+  }
+  EXPECT_EQ(s.post->model().volume(), 35);
+  EXPECT_EQ(s.post->model().history().size(), 1u);
+}
+
+TEST(ChargerClient, ReadsTheStatesValuesInUnitsAndAFaultAsAFault) {
+  ClientSession s;
+  s.post->model().plugIn();
+  s.post->model().startCharging();
   s.connect();
   using C = ChargerClient;
-
-  const auto info = s.ask<SystemInfo>(&C::querySystemInfo).value();
-  EXPECT_EQ(info[2].content, "Velmora");
-  EXPECT_EQ(info[9].title, "枪状态");
-  EXPECT_EQ(info[9].content, "插枪未充电");
-  EXPECT_TRUE(s.ask<SettingResult>(&C::synchroTime).value().accepted());
-  EXPECT_TRUE(s.ask<SettingResult>(&C::startCharging).value().accepted());
-  MainQueue::main().runFor(60s);
-  for (auto query : {&C::queryChargerState, &C::queryChargingData}) {
-    const auto state = s.ask<ChargerState>(query).value();
-    EXPECT_EQ(state.data.gunStatus, "正在充电中");
-    EXPECT_FALSE(state.fault());
-    EXPECT_DOUBLE_EQ(units::volts(state.data.voltage), 220.0);
-    EXPECT_DOUBLE_EQ(units::amperes(state.data.electric), 31.8);
-    EXPECT_GE(units::seconds(state.data.duration), 60);
-  }
-  EXPECT_TRUE(s.ask<SettingResult>(&C::stopCharging).value().accepted());
-  const auto history = s.ask<ChargingHistory>(&C::queryHistory).value();
-  ASSERT_EQ(history.size(), 1u);
-  EXPECT_EQ(history[0].serialNumber, std::to_string(model.history()[0].serial));
-  EXPECT_EQ(history[0].elecQuantity, model.history()[0].energy);
-  const auto energy = s.ask<CumulativeEnergy>(&C::queryCumulativeEnergy).value();
-  EXPECT_EQ(static_cast<std::uint32_t>(energy.raw), model.cumulativeEnergy());
-  const auto errors = s.ask<ErrorLog>(&C::queryErrorLog).value();
-  ASSERT_EQ(errors.size(), 1u);
-  EXPECT_EQ(errors[0].errorCode, 8u);
-  EXPECT_EQ(errors[0].date, "2023-11-12 14:40:00");
-  EXPECT_EQ(s.ask<TQBleRunDiagnosticInfo>(&C::queryDiagnostics).value().versionNum, "V1.2.10");
-
-  std::optional<Outcome<SettingResult>> volume, reserved;
-  s.client->setVolume(35, [&](const auto& o) { volume = o; });
-  s.client->reserve(22, 30, 6, 0, [&](const auto& o) { reserved = o; });
-  s.client->runUntil([&] { return reserved.has_value(); }, 10s);
-  EXPECT_TRUE(volume->value().accepted());
-  EXPECT_TRUE(reserved->value().accepted());
-  EXPECT_EQ(model.reservation()->startMinute, 30);
-
+  const auto state = s.ask<ChargerState>(&C::queryChargerState).value();
+  EXPECT_EQ(state.data.gunStatus, "正在充电中");
+  EXPECT_FALSE(state.fault());
+  EXPECT_DOUBLE_EQ(units::volts(state.data.voltage), 220.0);
+  EXPECT_DOUBLE_EQ(units::amperes(state.data.electric), 31.8);
+  EXPECT_GE(units::seconds(state.data.duration), 4);
   s.post->faults().refuse = {0xB6};
   EXPECT_FALSE(s.ask<SettingResult>(&C::stopCharging).value().accepted());
   s.post->faults().faultAnswer = sim::FaultOverVoltage;
@@ -153,19 +144,11 @@ TEST(ChargerClient, EndsEveryRequestWhoseAnswerNeverComesWithATimeOutAndNothingP
   ClientSession s({.connectTimeout = 10s, .requestTimeout = 2s, .reconnect = {}});
   s.connect();
   s.post->faults().mute = true;
-  using C = ChargerClient;
-  std::vector<ClientErrorKind> kinds;
-  auto check = [&](const auto& outcome) {
-    kinds.push_back(outcome.ok() ? ClientErrorKind::NotFound : outcome.error().kind);
-    EXPECT_TRUE(s.nothingPending());
-  };
-  check(s.ask<SettingResult>(&C::synchroTime));
-  check(s.ask<SystemInfo>(&C::querySystemInfo));
-  check(s.ask<ChargerState>(&C::queryChargerState));
-  check(s.ask<ChargingHistory>(&C::queryHistory));
-  check(s.ask<ErrorLog>(&C::queryErrorLog));
-  check(s.ask<TQBleRunDiagnosticInfo>(&C::queryDiagnostics));
-  EXPECT_EQ(kinds, std::vector<ClientErrorKind>(6, ClientErrorKind::TimedOut));
+  for (const auto& row : test::kCommandRows) {
+    const auto error = askRow(*s.client, row);
+    EXPECT_EQ(error ? error->kind : ClientErrorKind::NotFound, ClientErrorKind::TimedOut) << row.name;
+    EXPECT_TRUE(s.nothingPending()) << row.name;
+  }
 }
 
 TEST(ChargerClient, NeverGluesTheRestOfAnUnansweredRequestToTheNextAnswer) {

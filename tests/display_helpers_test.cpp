@@ -76,19 +76,6 @@ TEST(Dialling, HandsTheTelTextToTheHostOrOnlyLogsIt) {
   EXPECT_TRUE(log.lines.size() == 1 && log.lines[0].find("tel:10086") != std::string::npos);
 }
 
-TEST(SeparatorLines, AreLightGreyViewsAddedToTheirParentAndTheThinOneIs0Point8High) {
-  auto parent = std::make_shared<View>();
-  const auto line = G::addLineInView(parent, {1, 2, 300, 5});
-  const auto thin = G::creatSeparateLineWithRect({3, 4, 200, 9}, parent);
-  EXPECT_EQ(parent->subviews, (std::vector<std::shared_ptr<View>>{line, thin}));
-  const auto& f = thin->frame;
-  EXPECT_EQ(std::tie(f.x, f.y, f.width, f.height, line->frame.height),
-            std::tuple(3, 4, 200, 0.8, 5));
-  for (const auto& c : {line->backgroundColor, thin->backgroundColor})
-    EXPECT_EQ(std::tie(c.red, c.green, c.blue, c.alpha),
-              std::tuple(240 / 255.0, 240 / 255.0, 240 / 255.0, 1.0));
-}
-
 TEST(TextMeasures, HeightIsTheHostsMeasureOrAWrappedEstimateAndPositionsCountUtf16Units) {
   const Dictionary font{{"NSFont", 10.0}};
   // clang-format off

@@ -64,21 +64,5 @@ TEST(Properties, LazyOnesAreRecreatedEmptyAfterBeingReset) {
   EXPECT_TRUE(m.allPeripheral().empty());
 }
 
-TEST(Properties, SystemTitleRowsAreFixedObjectsWithTheirTitles) {
-  FakeStack stack;
-  const auto rows = stack.manager->systemTitleArr();
-  const std::vector<std::string> titles = {"桩号",           "桩类型",       "厂商",
-                                           "Magic Number",   "通信协议版本", "设备嵌入式软件开发",
-                                           "嵌入式软件型号", "音量大小",     "充电桩时间",
-                                           "枪状态"};
-  ASSERT_EQ(rows.size(), titles.size());
-  for (std::size_t i = 0; i < rows.size(); ++i) {
-    EXPECT_EQ(rows[i]->title, titles[i]);
-    EXPECT_EQ(rows[i]->content, "--");
-    EXPECT_EQ(rows[i]->detailType, 0);
-    EXPECT_EQ(stack.manager->systemTitleArr()[i], rows[i]) << "same row object";
-  }
-}
-
 }  // namespace
 }  // namespace tqble

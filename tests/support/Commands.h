@@ -32,8 +32,8 @@ struct Delivered {
   const TQBleDataModel& record;
 };
 
-/// A client request's end: empty when it answered, else the error's message.
-using ClientDone = std::function<void(std::optional<std::string> error)>;
+/// A client request's end: empty when it answered, else its error.
+using ClientDone = std::function<void(const std::optional<ClientError>& error)>;
 
 struct CommandRow {
   const char* name;  ///< the manager's operation
@@ -62,7 +62,7 @@ inline bool charging(const Delivered& d) {
 template <auto Request, typename... Args>
 void ask(ChargerClient& c, ClientDone done, Args... args) {
   (c.*Request)(args..., [done](const auto& o) {
-    done(o.ok() ? std::nullopt : std::optional<std::string>(o.error().message));
+    done(o.ok() ? std::nullopt : std::optional<ClientError>(o.error()));
   });
 }
 }  // namespace rows
