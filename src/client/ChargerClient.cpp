@@ -347,10 +347,10 @@ void ChargerClient::enqueue(std::int64_t tag, std::uint8_t code, Issue issue,
 }
 
 void ChargerClient::pump() {
-  after(0ms, [](ChargerClient& c) { c.dispatch(); });
+  after(0ms, [](ChargerClient& c) { c.writeNext(); });
 }
 
-void ChargerClient::dispatch() {
+void ChargerClient::writeNext() {
   if (link_ != Link::Ready || holdForAutoQuery_ || inFlight_ || queue_.empty()) return;
   inFlight_ = true;
   answer_.reset();
@@ -574,6 +574,22 @@ bool ChargerClient::runUntil(const std::function<bool()>& done, std::chrono::mil
     try {
       return queue.runUntil(done, std::max(deadline - queue.now(), MainQueue::Duration::zero()));
     } catch (const std::out_of_range& range) {
+      onRangeError(range);
+    }
+  }
+}
+
+int ChargerClient::eventFd() {
+  return MainQueue::main().eventFd();
+}
+
+std::size_t ChargerClient::dispatch() {
+  std::size_t count = 0;
+  for (;;) {
+    try {
+      return count + MainQueue::main().dispatch();
+    } catch (const std::out_of_range& range) {
+      ++count;
       onRangeError(range);
     }
   }

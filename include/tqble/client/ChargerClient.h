@@ -227,6 +227,21 @@ class ChargerClient {
   /// Makes run() return after the current task.
   void stop();
 
+  /// The main queue's descriptor for the application's own loop: it polls readable while
+  /// work is due, and the loop then calls dispatch().
+  /// @throws std::system_error when the system gives no timer descriptor.
+  /// @code
+  ///   pollfd p{client.eventFd(), POLLIN, 0};
+  ///   while (!finished) {
+  ///     ::poll(&p, 1, -1);
+  ///     client.dispatch();
+  ///   }
+  /// @endcode
+  int eventFd();
+  /// Runs the work that is due, surviving answers the manager cannot decode as run() does;
+  /// returns how many tasks ran.
+  std::size_t dispatch();
+
  private:
   enum class Link { Idle, Finding, Connecting, Discovering, Ready };
   using Issue = std::function<void(TQBleManager&, const TQErrorHandler&)>;
@@ -254,7 +269,7 @@ class ChargerClient {
   void connectDone(const ClientError* error);
   void releaseHold();
   void pump();
-  void dispatch();
+  void writeNext();
   void complete(const ClientError* error);
   void failAll(const ClientError& error);
   void clearPending();
