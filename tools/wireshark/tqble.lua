@@ -33,7 +33,6 @@ tqble.fields = f
 tqble.prefs.write_handle = Pref.uint("FFF3 handle", 0, "ATT handle of the write characteristic (0: from the capture)")
 tqble.prefs.notify_handle = Pref.uint("FFF4 handle", 0, "ATT handle of the notify characteristic (0: from the capture)")
 
-local f_att_handle = Field.new("btatt.handle")
 local f_att_opcode = Field.new("btatt.opcode")
 local f_btatt = Field.new("btatt")
 
@@ -126,6 +125,7 @@ end
 function tqble.dissector(tvb, pinfo, tree)
   local opcode = f_att_opcode()
   if not opcode then return 0 end
+  done_by_att[pinfo.number] = true
   dissect_value(tvb, pinfo, tree, is_write_opcode(opcode.value))
   return tvb:len()
 end
@@ -138,37 +138,58 @@ end
 local handles = DissectorTable.get("btatt.handle")
 handles:add_for_decode_as(tqble)
 
--- Handles from the preferences; multiple notifications (0x23) split here.
-local multi = Proto("tqble_multi", "TQBle multiple notifications")
+-- What the ATT dissector leaves out: values on handles given in the preferences or learnt
+-- from the first frame seen on them, multiple notifications (0x23), and ATT on EATT
+-- channels that Wireshark 4.0 shows as bare L2CAP payload (an SDU length, then the PDU).
+local f_l2cap_cid = Field.new("btl2cap.cid")
+local f_l2cap_payload = Field.new("btl2cap.payload")
+local f_l2cap_sdu = Field.new("btl2cap.le_sdu_length")
+local learnt = {}
+local done_by_att = {}
+
+local function att_pdu()
+  local att = f_btatt()
+  if att then return att.range:tvb() end
+  local cid, payload = f_l2cap_cid(), f_l2cap_payload()
+  if not cid or not payload or cid.value < 0x40 then return nil end
+  local range = payload.range
+  if f_l2cap_sdu() then return range:tvb() end  -- the channel's opening was seen
+  if range:len() < 3 or range(0, 2):le_uint() ~= range:len() - 2 then return nil end
+  return range(2):tvb()
+end
+
+local function ours(handle, is_write, value)
+  local role = is_write and "write" or "notify"
+  local pref = is_write and tqble.prefs.write_handle or tqble.prefs.notify_handle
+  if pref ~= 0 then return handle == pref end
+  if learnt[role] == nil and value:len() >= 8 and value(0, 1):uint() == 0x68
+      and commands[value(1, 1):uint()] then
+    learnt[role] = handle
+  end
+  return learnt[role] == handle
+end
+
+local multi = Proto("tqble_att", "TQBle values the ATT dissector leaves out")
 
 function multi.dissector(tvb, pinfo, tree)
-  local opcode = f_att_opcode()
-  if not opcode then return end
-  local write_handle = tqble.prefs.write_handle
-  local notify_handle = tqble.prefs.notify_handle
-  if opcode.value == 0x23 and notify_handle ~= 0 then
-    local att = f_btatt()
-    if not att then return end
-    local range = att.range
+  if done_by_att[pinfo.number] then return end
+  local pdu = att_pdu()
+  if not pdu or pdu:len() < 3 then return end
+  local opcode = pdu(0, 1):uint()
+  local is_write = is_write_opcode(opcode)
+  if opcode == 0x23 then
     local at = 1
-    while at + 4 <= range:len() do
-      local handle = range(at, 2):le_uint()
-      local length = range(at + 2, 2):le_uint()
-      if at + 4 + length > range:len() then break end
-      if handle == notify_handle and length > 0 then
-        dissect_value(range(at + 4, length):tvb(), pinfo, tree, false)
-      end
+    while at + 4 <= pdu:len() do
+      local handle = pdu(at, 2):le_uint()
+      local length = pdu(at + 2, 2):le_uint()
+      if at + 4 + length > pdu:len() or length == 0 then break end
+      local value = pdu(at + 4, length):tvb()
+      if ours(handle, false, value) then dissect_value(value, pinfo, tree, false) end
       at = at + 4 + length
     end
-  elseif opcode.value ~= 0x23 and (write_handle ~= 0 or notify_handle ~= 0) then
-    local handle = f_att_handle()
-    if not handle then return end
-    local on_write = handle.value == write_handle and is_write_opcode(opcode.value)
-    local on_notify = handle.value == notify_handle and (opcode.value == 0x1B or opcode.value == 0x1D)
-    if on_write or on_notify then
-      local att = f_btatt()
-      if att and att.range:len() > 3 then dissect_value(att.range(3):tvb(), pinfo, tree, on_write) end
-    end
+  elseif (is_write or opcode == 0x1B or opcode == 0x1D) and pdu:len() > 3 then
+    local value = pdu(3):tvb()
+    if ours(pdu(1, 2):le_uint(), is_write, value) then dissect_value(value, pinfo, tree, is_write) end
   end
 end
 
