@@ -225,10 +225,4 @@ Timeline replay(Traffic traffic, TQBleManager& manager) {
   return Replayer(std::move(traffic), manager).run();
 }
 
-std::string commandName(std::uint8_t code) {
-  const Bytes request{protocol::kStartByte, code};
-  const Known* k = known(request);
-  return k ? k->name : "";
-}
-
 }  // namespace tqble::capture

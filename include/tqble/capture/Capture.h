@@ -99,8 +99,4 @@ Traffic readBtsnoop(const Bytes& file, const Handles& given = {});
 /// manager's pending command, buffer and delegate are restored afterwards.
 Timeline replay(Traffic traffic, TQBleManager& manager);
 
-/// The manager's operation name for a request's command byte; empty when unknown. Code
-/// 0xB5 is both charger state and charging data: the state query is named.
-std::string commandName(std::uint8_t code);
-
 }  // namespace tqble::capture
