@@ -11,6 +11,8 @@ namespace tqble::cli {
 int runFrame(const std::vector<std::string>& args);
 /// `tqble decode <command> <hex>... [--log]`
 int runDecode(const std::vector<std::string>& args);
+/// `tqble capture FILE|- [--json] [--write-handle H --notify-handle H]`: a capture's conversation.
+int runCapture(const std::vector<std::string>& args);
 /// `tqble demo`: a scripted session against the virtual charging post.
 int runDemo(const std::vector<std::string>& args);
 /// `tqble scan [--seconds N]`: the posts heard.

@@ -17,6 +17,7 @@ constexpr char kUsage[] =
     "       tqble history POST [--csv]                    the charging sessions\n"
     "       tqble frame COMMAND [ARGUMENTS] [--status N] [--rand N] [--time SECONDS]\n"
     "       tqble decode COMMAND HEX... | - [--log]\n"
+    "       tqble capture FILE|- [--json] [--write-handle H --notify-handle H]\n"
     "       tqble demo [--quiet] [--backend NAME]\n"
     "       tqble post [--adapter hciN] [--name NAME] [--state S] [faults]\n"
     "       tqble help [SUBCOMMAND] | --help | --version\n"
@@ -35,7 +36,8 @@ constexpr Subcommand kSubcommands[] = {
     {"scan", tqble::cli::runScan},       {"run", tqble::cli::runRun},
     {"survey", tqble::cli::runSurvey},   {"watch", tqble::cli::runWatch},
     {"history", tqble::cli::runHistory}, {"frame", tqble::cli::runFrame},
-    {"decode", tqble::cli::runDecode},   {"demo", tqble::cli::runDemo},
+    {"decode", tqble::cli::runDecode},   {"capture", tqble::cli::runCapture},
+    {"demo", tqble::cli::runDemo},
     {"post", tqble::cli::runPost},
 };
 
