@@ -85,7 +85,9 @@ HciCapture readHciPackets(const Bytes& file) {
     const auto begin = file.begin() + static_cast<std::ptrdiff_t>(offset + kRecordHeader);
     HciPacket packet;
     packet.record = record;
-    packet.micros = stamp - kUnixEpoch;
+    // A damaged stamp reads as some other time, never as an overflow.
+    packet.micros = static_cast<std::int64_t>(static_cast<std::uint64_t>(stamp) -
+                                              static_cast<std::uint64_t>(kUnixEpoch));
     if (capture.datalink == kMonitor) {
       packet.adapter = static_cast<std::uint16_t>(flags >> 16);
       packet.kind = monitorKind(static_cast<std::uint16_t>(flags & 0xFFFF));

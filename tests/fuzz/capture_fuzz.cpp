@@ -12,10 +12,7 @@ using namespace tqble;
 using fuzz::expect;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const auto manager = [] {
-    fuzz::setUp();
-    return TQBleManager::shareManager();  // no link: the replayed requests go nowhere
-  }();
+  static const auto manager = TQBleManager::shareManager();  // no link: requests go nowhere
   capture::Traffic traffic;
   try {
     traffic = capture::readBtsnoop(Bytes(data, data + size), {0x0010, 0x0012});
