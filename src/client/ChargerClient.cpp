@@ -255,8 +255,9 @@ void ChargerClient::linkUp(const PeripheralPtr& peripheral) {
   const auto attempt = attempt_;
   after(kAutoQueryDelay, [attempt](ChargerClient& c) {
     if (c.attempt_ != attempt) return;
-    c.after(0ms, [attempt](ChargerClient& c) {
-      if (c.attempt_ == attempt) c.autoQueryWritten();
+    // A timer due now runs behind the manager's, which is already queued for this moment.
+    MainQueue::main().asyncAfter(0ns, [alive = std::weak_ptr<bool>(c.alive_), &c, attempt] {
+      if (alive.lock() && c.attempt_ == attempt) c.autoQueryWritten();
     });
   });
 }
@@ -280,11 +281,15 @@ void ChargerClient::autoQueryWritten() {
 
 void ChargerClient::settleAutoQuery() {
   autoSettled_ = true;
-  // The manager keeps every answer's ten rows; only the last ten are shown.
+  trimRows();
+  pump();
+}
+
+// The manager appends its ten rows again on every system answer; only the last ten show.
+void ChargerClient::trimRows() {
   auto& rows = manager_->systemInfoModelList();
   if (rows.size() > kInfoRows)
     rows.erase(rows.begin(), rows.end() - static_cast<std::ptrdiff_t>(kInfoRows));
-  pump();
 }
 
 bool ChargerClient::holding() const {
@@ -503,6 +508,7 @@ void ChargerClient::deliver(const Bytes& frame) {
     return;
   }
   if (autoOwed) settleAutoQuery();
+  if (frame[1] == kCmdSystemInfo) trimRows();
   if (!inFlight_ || owner != generation_) return;
   // An answer that arrived behind the manager's own query went into its buffer.
   if (!autoSettled_ && manager_->cmdType() == kSystemInfoTag)

@@ -289,6 +289,7 @@ class ChargerClient {
   void connectDone(const ClientError* error);
   void autoQueryWritten();
   void settleAutoQuery();
+  void trimRows();
   bool holding() const;
   void pump();
   void writeNext();
