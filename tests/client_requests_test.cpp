@@ -188,3 +188,41 @@ INSTANTIATE_TEST_SUITE_P(Client, UnderFault,
 
 }  // namespace
 }  // namespace tqble
+
+namespace tqble {
+namespace {
+
+TEST(ClientLink, AnAdapterPowerCycleMidRequestReadsLostAndTheLinkComesBack) {
+  Session s({.connectTimeout = 10s, .requestTimeout = 5s, .reconnect = {3, 500ms}});
+  s.post->faults().lateNotifications = {{0, 200ms}};
+  std::optional<std::string> cut;
+  kAsks[1].issue(*s.client, [&](std::string o) { cut = std::move(o); });
+  s.client->runUntil([] { return false; }, 100ms);
+  sim::SimRadio::shared().setPowered(false);
+  s.client->runUntil([&] { return cut.has_value(); }, 1s);
+  EXPECT_EQ(cut, "error: link lost");
+  EXPECT_FALSE(s.client->ready());
+  s.client->runUntil([] { return false; }, 2s);  // no attempt while the adapter is off
+  EXPECT_FALSE(s.client->ready());
+  s.post->faults() = {};
+  sim::SimRadio::shared().setPowered(true);
+  ASSERT_TRUE(s.client->runUntil([&] { return s.client->ready(); }, 5s));
+  EXPECT_EQ(s.ask(kAsks[1]).find("error"), std::string::npos);
+}
+
+TEST(ClientLink, APostNamingItsAttributesInLowerCaseSaysSo) {
+  MainQueue::main().useVirtualClock();
+  TQBleManager::useBackend("sim");
+  sim::SimRadio::shared().addPost()->faults().lowerCaseIdentifiers = {"FFF0", "FFF4"};
+  ChargerClient client({.connectTimeout = 2s});
+  std::optional<Outcome<ChargerClient::PeripheralPtr>> link;
+  client.connect("", [&](const auto& o) { link = o; });
+  client.runUntil([&] { return link.has_value(); }, 5s);
+  ASSERT_TRUE(link && !link->ok());
+  EXPECT_EQ(link->error().message,
+            "the link did not become ready in time (the post names its attributes in lower "
+            "case: fff0)");
+}
+
+}  // namespace
+}  // namespace tqble

@@ -205,6 +205,7 @@ void ChargerClient::armConnectTimeout() {
   after(options_.connectTimeout, [attempt](ChargerClient& c) {
     if (c.attempt_ != attempt || c.link_ == Link::Ready || c.link_ == Link::Idle) return;
     const bool finding = c.link_ == Link::Finding;
+    const std::string attributes = finding ? "" : c.attributeNote();  // before the link goes
     c.link_ = Link::Idle;
     if (finding) {
       c.stopScan();
@@ -216,7 +217,8 @@ void ChargerClient::armConnectTimeout() {
                                (c.wanted_.empty() ? std::string("no post heard")
                                                   : "no post named '" + c.wanted_ + "' heard") +
                                    c.radioNote())
-                       : error(ClientErrorKind::TimedOut, "the link did not become ready in time");
+                       : error(ClientErrorKind::TimedOut,
+                               "the link did not become ready in time" + attributes);
     c.connectDone(&e);
     c.failAll(e);  // requests kept for a reconnection that did not come
   });
@@ -237,6 +239,25 @@ std::string ChargerClient::radioNote() const {
     default:
       return " (the radio is not ready)";
   }
+}
+
+// Why discovery found no usable attributes: the post names them in lower case, and they
+// are looked up by the upper-case names only.
+std::string ChargerClient::attributeNote() const {
+  if (!peripheral_) return "";
+  std::string lower;
+  auto note = [&lower](const std::string& id) {
+    std::string upper = id;
+    for (char& ch : upper) ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
+    if (upper != id && (upper == "FFF0" || upper == "FFF3" || upper == "FFF4"))
+      lower += (lower.empty() ? "" : ", ") + id;
+  };
+  for (const auto& service : peripheral_->services()) {
+    note(service->uuid().UUIDString());
+    for (const auto& characteristic : service->characteristics())
+      note(characteristic->uuid().UUIDString());
+  }
+  return lower.empty() ? "" : " (the post names its attributes in lower case: " + lower + ")";
 }
 
 void ChargerClient::linkUp(const PeripheralPtr& peripheral) {
