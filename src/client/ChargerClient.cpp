@@ -205,6 +205,7 @@ void ChargerClient::armConnectTimeout() {
   after(options_.connectTimeout, [attempt](ChargerClient& c) {
     if (c.attempt_ != attempt || c.link_ == Link::Ready || c.link_ == Link::Idle) return;
     const bool finding = c.link_ == Link::Finding;
+    const std::string attributes = finding ? "" : c.attributeNote();  // before the link goes
     c.link_ = Link::Idle;
     if (finding) {
       c.stopScan();
@@ -216,7 +217,8 @@ void ChargerClient::armConnectTimeout() {
                                (c.wanted_.empty() ? std::string("no post heard")
                                                   : "no post named '" + c.wanted_ + "' heard") +
                                    c.radioNote())
-                       : error(ClientErrorKind::TimedOut, "the link did not become ready in time");
+                       : error(ClientErrorKind::TimedOut,
+                               "the link did not become ready in time" + attributes);
     c.connectDone(&e);
     c.failAll(e);  // requests kept for a reconnection that did not come
   });
@@ -239,6 +241,25 @@ std::string ChargerClient::radioNote() const {
   }
 }
 
+// Why discovery found no usable attributes: the post names them in lower case, and they
+// are looked up by the upper-case names only.
+std::string ChargerClient::attributeNote() const {
+  if (!peripheral_) return "";
+  std::string lower;
+  auto note = [&lower](const std::string& id) {
+    std::string upper = id;
+    for (char& ch : upper) ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
+    if (upper != id && (upper == "FFF0" || upper == "FFF3" || upper == "FFF4"))
+      lower += (lower.empty() ? "" : ", ") + id;
+  };
+  for (const auto& service : peripheral_->services()) {
+    note(service->uuid().UUIDString());
+    for (const auto& characteristic : service->characteristics())
+      note(characteristic->uuid().UUIDString());
+  }
+  return lower.empty() ? "" : " (the post names its attributes in lower case: " + lower + ")";
+}
+
 void ChargerClient::linkUp(const PeripheralPtr& peripheral) {
   peripheral_ = peripheral;
   link_ = Link::Discovering;
@@ -255,8 +276,9 @@ void ChargerClient::linkUp(const PeripheralPtr& peripheral) {
   const auto attempt = attempt_;
   after(kAutoQueryDelay, [attempt](ChargerClient& c) {
     if (c.attempt_ != attempt) return;
-    c.after(0ms, [attempt](ChargerClient& c) {
-      if (c.attempt_ == attempt) c.autoQueryWritten();
+    // A timer due now runs behind the manager's, which is already queued for this moment.
+    MainQueue::main().asyncAfter(0ns, [alive = std::weak_ptr<bool>(c.alive_), &c, attempt] {
+      if (alive.lock() && c.attempt_ == attempt) c.autoQueryWritten();
     });
   });
 }
@@ -280,11 +302,15 @@ void ChargerClient::autoQueryWritten() {
 
 void ChargerClient::settleAutoQuery() {
   autoSettled_ = true;
-  // The manager keeps every answer's ten rows; only the last ten are shown.
+  trimRows();
+  pump();
+}
+
+// The manager appends its ten rows again on every system answer; only the last ten show.
+void ChargerClient::trimRows() {
   auto& rows = manager_->systemInfoModelList();
   if (rows.size() > kInfoRows)
     rows.erase(rows.begin(), rows.end() - static_cast<std::ptrdiff_t>(kInfoRows));
-  pump();
 }
 
 bool ChargerClient::holding() const {
@@ -503,6 +529,7 @@ void ChargerClient::deliver(const Bytes& frame) {
     return;
   }
   if (autoOwed) settleAutoQuery();
+  if (frame[1] == kCmdSystemInfo) trimRows();
   if (!inFlight_ || owner != generation_) return;
   // An answer that arrived behind the manager's own query went into its buffer.
   if (!autoSettled_ && manager_->cmdType() == kSystemInfoTag)

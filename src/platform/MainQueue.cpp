@@ -192,15 +192,15 @@ void MainQueue::armLocked(bool force) {
   }
   if (!force && when >= armedFor_) return;
   armedFor_ = when;
-  itimerspec spec{};
+  itimerspec due{};
   if (when != Clock::time_point::max()) {
     // An absolute time already past fires at once; zero would disarm.
     const auto ns = std::max<std::int64_t>(
         std::chrono::duration_cast<std::chrono::nanoseconds>(when.time_since_epoch()).count(), 1);
-    spec.it_value.tv_sec = static_cast<time_t>(ns / 1'000'000'000);
-    spec.it_value.tv_nsec = static_cast<long>(ns % 1'000'000'000);
+    due.it_value.tv_sec = static_cast<time_t>(ns / 1'000'000'000);
+    due.it_value.tv_nsec = static_cast<long>(ns % 1'000'000'000);
   }
-  ::timerfd_settime(fd_, TFD_TIMER_ABSTIME, &spec, nullptr);
+  ::timerfd_settime(fd_, TFD_TIMER_ABSTIME, &due, nullptr);
 }
 
 std::size_t MainQueue::dispatch() {

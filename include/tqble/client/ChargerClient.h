@@ -283,12 +283,14 @@ class ChargerClient {
   bool beginConnect(Completion<PeripheralPtr>& done);
   void startConnecting(const PeripheralPtr& peripheral);
   void armConnectTimeout();
+  std::string attributeNote() const;
   void linkUp(const PeripheralPtr& peripheral);
   void linkDown(const std::optional<TQError>& platformError, bool failed);
   void onRadioState(std::int64_t state);
   void connectDone(const ClientError* error);
   void autoQueryWritten();
   void settleAutoQuery();
+  void trimRows();
   bool holding() const;
   void pump();
   void writeNext();
