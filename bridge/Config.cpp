@@ -35,7 +35,7 @@ class Table {
     seen_.insert(key);
     const toml::node* node = table_.get(key);
     if (!node) {
-      if (required) fail(table_.source(), where_ + "needs '" + key + "'");
+      if (required) fail(table_.source(), "'" + key + "' is missing " + where_);
       return fallback;
     }
     if (!node->is_string()) fail(node->source(), "'" + key + "' must be a quoted text");

@@ -131,11 +131,12 @@ void Mqtt::subscribe(const std::string& pattern) {
   if (up) mosquitto_subscribe_v5(mosq_, nullptr, pattern.c_str(), 1, 0, nullptr);
 }
 
-void Mqtt::publish(const std::string& topic, const std::string& payload, bool retain) {
+void Mqtt::publish(const std::string& topic, const std::string& payload, bool retain,
+                   bool evenIfUnchanged) {
   if (retain) {
     std::lock_guard lock(mutex_);
     auto [kept, fresh] = retained_.try_emplace(topic, payload);
-    if (!fresh && kept->second == payload && up_) return;  // the broker holds it already
+    if (!fresh && kept->second == payload && up_ && !evenIfUnchanged) return;  // the broker holds it already
     kept->second = payload;
   }
   send(topic, payload, retain);

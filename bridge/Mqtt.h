@@ -40,8 +40,10 @@ class Mqtt {
   /// Subscribes now and after every reconnection.
   void subscribe(const std::string& pattern);
   /// Publishes at QoS 1; a retained message is kept and published again after a
-  /// reconnection, and not sent again while it is unchanged. Safe from any thread.
-  void publish(const std::string& topic, const std::string& payload, bool retain);
+  /// reconnection, and not sent again while it is unchanged unless `evenIfUnchanged`.
+  /// Safe from any thread.
+  void publish(const std::string& topic, const std::string& payload, bool retain,
+               bool evenIfUnchanged = false);
   /// Publishes every kept retained message again.
   void republish();
   /// Whether the broker session is up.

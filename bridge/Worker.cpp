@@ -231,7 +231,8 @@ class Worker {
 
   void publishDiscovery() {
     if (!config_.homeAssistant) return;
-    for (const auto& [t, payload] : discoveryMessages(config_, post_)) mqtt_->publish(t, payload, true);
+    for (const auto& [t, payload] : discoveryMessages(config_, post_))
+      mqtt_->publish(t, payload, true, true);
   }
 
   // ---- Commands ----
