@@ -46,7 +46,7 @@ std::string config(int port, const std::string& gateway = "garage", const std::s
   text = replaced(replaced(text, "port = 1883", "port = " + std::to_string(port) + more), "state = 5 ",
                   "state = 1 ");
   text = replaced(text, "gateway = \"garage\"", "gateway = \"" + gateway + "\"");
-  if (!posts.empty()) text = text.substr(0, text.find("[[post]]")) + posts;
+  if (!posts.empty()) text = text.substr(0, text.find("\n[[post]]") + 1) + posts;
   const std::string path = ::testing::TempDir() + "bridge_" + std::to_string(getpid()) + gateway + ".toml";
   std::ofstream(path) << text;
   return path;
@@ -251,6 +251,83 @@ TEST(Bridge, RefusesAThousandMalformedCommandsAndChangesNothing) {
       EXPECT_EQ(m["payload"], "B");
     }
   }
+}
+
+// One gateway, three posts: a healthy one beside one answering garbage and one mute; then the
+// healthy one out of range and back, its worker killed, and the gateway killed.
+TEST(Bridge, KeepsAHealthyPostGoingWhateverHappensToTheOthers) {
+  Broker broker;
+  Subscriber sub(broker.port);
+  auto gw = gateway(config(broker.port, "garage",
+                           "[[post]]\nid = \"a\"\nname = \"x\"\n"
+                           "[[post]]\nid = \"b\"\nname = \"x\"\nsimulate = [\"garbage\"]\n"
+                           "[[post]]\nid = \"c\"\nname = \"x\"\nsimulate = [\"mute\"]\n"));
+  ASSERT_TRUE(sub.waitOn("tqble/a/availability", 15s, 0, "online"));
+  std::size_t mark = sub.messages.size();
+  for (int i = 0; i < 3; ++i) {  // three more readings while the others struggle
+    ASSERT_TRUE(sub.waitOn("tqble/a/state", 5s, mark));
+    mark = sub.messages.size();
+  }
+  sub.barrier();
+  EXPECT_EQ(sub.latest("tqble/a/availability"), "online");
+  EXPECT_EQ(sub.latest("tqble/c/availability"), "offline");  // never answered
+
+  // Out of range: offline within a poll period (1 s) and its request time-out; back again.
+  const pid_t worker = workerOf("a");
+  ASSERT_GT(worker, 0);
+  mark = sub.messages.size();
+  kill(worker, SIGUSR1);
+  EXPECT_TRUE(sub.waitOn("tqble/a/availability", 7s, mark, "offline"));
+  kill(worker, SIGUSR2);
+  EXPECT_TRUE(sub.waitOn("tqble/a/availability", 20s, mark, "online"));
+
+  // A worker killed: its last will, then a new worker brings the post back.
+  mark = sub.messages.size();
+  kill(worker, SIGKILL);
+  EXPECT_TRUE(sub.waitOn("tqble/a/availability", 5s, mark, "offline"));
+  EXPECT_TRUE(sub.waitOn("tqble/a/availability", 20s, mark, "online"));
+  EXPECT_NE(workerOf("a"), worker);
+
+  // The gateway killed: every worker dies with it and the wills turn the posts offline.
+  mark = sub.messages.size();
+  gw->signal(SIGKILL);
+  const auto will = sub.waitOn("tqble/a/availability", 5s, mark, "offline");
+  ASSERT_TRUE(will);
+  EXPECT_EQ(userProperty(*will, "gateway"), "garage");
+}
+
+// The broker absent when the gateway starts, then restarted under it: the gateway keeps
+// trying and publishes its retained values and discovery again each time. Two gateways
+// with credentials share the broker and never log the password.
+TEST(Bridge, OutlivesTheBrokerAndSharesItWithAnotherGateway) {
+  std::ofstream(::testing::TempDir() + "passwd_" + std::to_string(getpid())) << "";
+  const std::string passwd = ::testing::TempDir() + "passwd_" + std::to_string(getpid());
+  ASSERT_EQ(std::system(("mosquitto_passwd -b " + passwd + " tqble s3cret-pw 2>/dev/null").c_str()), 0);
+  Broker broker("allow_anonymous false\npassword_file " + passwd + "\n");
+  const std::vector<std::string> login{"-u", "tqble", "-P", "s3cret-pw"};
+  const std::string credentials = "\nusername = \"tqble\"\npassword = \"s3cret-pw\"";
+  const std::string northLog = ::testing::TempDir() + "north_" + std::to_string(getpid()) + ".log";
+  broker.stop();
+  auto north = gateway(config(broker.port, "north", "[[post]]\nid = \"n1\"\nname = \"x\"\n", credentials),
+                       northLog);
+  auto south = gateway(config(broker.port, "south", "[[post]]\nid = \"s1\"\nname = \"x\"\n", credentials));
+  broker.restart();
+  for (int round = 0; round < 2; ++round) {
+    Subscriber sub(broker.port, "#", login);
+    for (const char* post : {"n1", "s1"}) {
+      const auto state = sub.waitOn(std::string("tqble/") + post + "/state", 15s);
+      ASSERT_TRUE(state) << post << " round " << round;
+      EXPECT_EQ(userProperty(*state, "gateway"), post[0] == 'n' ? "north" : "south");
+    }
+    EXPECT_TRUE(sub.waitOn("homeassistant/switch/tqble_n1/charging/config", 10s));
+    EXPECT_EQ(Json::parse(payloadOn(sub, "tqble/s1/info", 10s))["gateway"], "south");
+    if (round == 0) broker.restart();  // forgets every retained message
+  }
+  north->signal(SIGTERM);
+  north->wait();
+  const std::string log = slurp(northLog);
+  EXPECT_NE(log.find("as tqble"), std::string::npos) << log;
+  EXPECT_EQ(log.find("s3cret"), std::string::npos) << log;
 }
 
 }  // namespace

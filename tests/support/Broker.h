@@ -137,7 +137,7 @@ class Broker {
 class Subscriber {
  public:
   explicit Subscriber(int port, const std::string& filter = "#", std::vector<std::string> login = {})
-      : port_(port) {
+      : port_(port), login_(login) {
     std::vector<std::string> argv{"mosquitto_sub", "-p", std::to_string(port), "-V", "5", "-F", "%j",
                                   "-t", filter, "-t", "barrier/#"};
     argv.insert(argv.end(), login.begin(), login.end());
@@ -147,7 +147,7 @@ class Subscriber {
   /// Returns once every message published before the call has been seen.
   void barrier() {
     const std::string topic = "barrier/" + std::to_string(++barriers_);
-    publish(port_, topic, "b", true);  // retained: seen even if the subscription is not yet on
+    publish(port_, topic, "b", true, login_);  // retained: seen even if the subscription is not yet on
     if (!waitFor([&](const Json& m) { return m["topic"] == topic; }, std::chrono::seconds(10)))
       throw std::runtime_error("mosquitto_sub did not subscribe");
   }
@@ -179,16 +179,18 @@ class Subscriber {
     return "";
   }
   static void publish(int port, const std::string& topic, const std::string& payload,
-                      bool retain = false) {
-    const std::string command = "mosquitto_pub -V 5 -q 1 -p " + std::to_string(port) +
+                      bool retain = false, const std::vector<std::string>& login = {}) {
+    std::string command = "mosquitto_pub -V 5 -q 1 -p " + std::to_string(port) +
                                 (retain ? " -r" : "") + " -t '" + topic +
                                 "' -m '" + payload + "'";
+    for (const auto& word : login) command += " " + word;
     if (std::system(command.c_str()) != 0) throw std::runtime_error("mosquitto_pub failed: " + command);
   }
   std::vector<Json> messages;
 
  private:
   int port_;
+  std::vector<std::string> login_;
   unsigned barriers_ = 0;
   std::unique_ptr<Child> process_;
 };
