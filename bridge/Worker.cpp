@@ -125,6 +125,7 @@ class Worker {
   }
 
   void retryLater(const std::string& why) {
+    if (stopWanted) return;
     retryPending_ = true;
     log("post not reachable (%s); next try in %llds", why.c_str(),
         static_cast<long long>(backoff_.count()));
@@ -137,6 +138,7 @@ class Worker {
   }
 
   void goOffline(const std::string& why) {
+    if (stopWanted) return;  // leaving: run() says offline
     if (online_) {
       log("offline: %s", why.c_str());
       mqtt_->publish(topic_("availability"), "offline", true);
