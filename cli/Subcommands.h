@@ -30,6 +30,8 @@ int runHistory(const std::vector<std::string>& args);
 extern const char kScanUsage[], kSurveyUsage[], kWatchUsage[], kHistoryUsage[];
 /// `tqble run`'s usage, with the command list.
 void printRunUsage(std::FILE* out);
+/// `tqble bridge CONFIG`: the configured posts on an MQTT broker.
+int runBridge(const std::vector<std::string>& args);
 /// `tqble post`: a virtual charging post served on a real adapter through bluetoothd.
 int runPost(const std::vector<std::string>& args);
 

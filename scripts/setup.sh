@@ -12,6 +12,7 @@ packages=(
   libicu-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libsdbus-c++-dev libsystemd-dev dbus libglib2.0-dev
+  libmosquitto-dev libtomlplusplus-dev mosquitto mosquitto-clients
   clang libclang-rt-14-dev valgrind tshark
   "$@"
 )
