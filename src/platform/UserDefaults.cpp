@@ -17,7 +17,7 @@
 #include <system_error>
 #include <type_traits>
 
-#include "tqble/ZDataCoverTool.h"
+#include "platform/Hex.h"
 #include "tqble/platform/Log.h"
 
 namespace tqble {
@@ -39,7 +39,7 @@ json toJson(const Value& value) {
         if constexpr (std::is_same_v<V, std::monostate>) {
           return nullptr;
         } else if constexpr (std::is_same_v<V, Bytes>) {
-          return json{{kBytesTag, ZDataCoverTool::coverFromDataToHexStr(v)}};
+          return json{{kBytesTag, detail::hexText(v)}};
         } else {
           return v;
         }
@@ -75,12 +75,9 @@ Value fromJson(const json& j) {
     }
     case json::value_t::object:
       if (j.size() == 1 && j.contains(kBytesTag) && j[kBytesTag].is_string()) {
-        const auto& hex = j[kBytesTag].get_ref<const std::string&>();
-        if (hex.size() % 2 ||
-            hex.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
-          throw std::invalid_argument("bad byte text");
-        }
-        return ZDataCoverTool::hexToBytes(hex);
+        auto bytes = detail::bytesOfHex(j[kBytesTag].get_ref<const std::string&>());
+        if (!bytes) throw std::invalid_argument("bad byte text");
+        return *std::move(bytes);
       }
       throw std::invalid_argument("an object that is not a byte value");
     default:
