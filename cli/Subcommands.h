@@ -13,6 +13,7 @@ int runFrame(const std::vector<std::string>& args);
 int runDecode(const std::vector<std::string>& args);
 /// `tqble demo`: a scripted session against the virtual charging post.
 int runDemo(const std::vector<std::string>& args);
+// Asking a post (AskCommands.cpp).
 /// `tqble scan [--seconds N]`: the posts heard.
 int runScan(const std::vector<std::string>& args);
 /// `tqble run POST COMMAND [ARGUMENTS] [--table]`: one command's answer.
@@ -28,6 +29,7 @@ int runHistory(const std::vector<std::string>& args);
 extern const char kScanUsage[], kSurveyUsage[], kWatchUsage[], kHistoryUsage[];
 /// `tqble run`'s usage, with the command list.
 void printRunUsage(std::FILE* out);
+// Serving a post (ServeCommand.cpp).
 /// `tqble post`: a virtual charging post served on a real adapter through bluetoothd.
 int runPost(const std::vector<std::string>& args);
 
