@@ -53,10 +53,11 @@ demo: configure
 	@cmake --build $(BUILD) -j $(JOBS) --target tqble_cli
 	@$(BUILD)/cli/tqble demo
 
+# The BlueZ figures against python-dbusmock's stand-in bluetoothd on a private bus.
 bench: setup
 	@$(RELEASE)
 	@cmake --build build-release -j $(JOBS) --target tqble_bench
-	@build-release/bench/tqble_bench
+	@bench/bluez_standin.py build-release/bench/tqble_bench
 
 # Debian packages libtqble1, libtqble-dev and tqble in build-release/.
 package: setup
