@@ -15,6 +15,7 @@ int runDecode(const std::vector<std::string>& args);
 int runCapture(const std::vector<std::string>& args);
 /// `tqble demo`: a scripted session against the virtual charging post.
 int runDemo(const std::vector<std::string>& args);
+// Asking a post (AskCommands.cpp).
 /// `tqble scan [--seconds N]`: the posts heard.
 int runScan(const std::vector<std::string>& args);
 /// `tqble run POST COMMAND [ARGUMENTS] [--table]`: one command's answer.
@@ -32,6 +33,7 @@ extern const char kScanUsage[], kSurveyUsage[], kWatchUsage[], kHistoryUsage[];
 void printRunUsage(std::FILE* out);
 /// `tqble bridge CONFIG`: the configured posts on an MQTT broker.
 int runBridge(const std::vector<std::string>& args);
+// Serving a post (ServeCommand.cpp).
 /// `tqble post`: a virtual charging post served on a real adapter through bluetoothd.
 int runPost(const std::vector<std::string>& args);
 
