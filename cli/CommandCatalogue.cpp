@@ -114,7 +114,7 @@ const std::vector<Command>& commands() {
        ask<ErrorLog, &ChargerClient::queryErrorLog>},
       {"runningDiagnosticInfoWithError", "diagnostics", {}, AnswerKind::Diagnosis,
        plain<&TQBleManager::runningDiagnosticInfoWithError>,
-       ask<TQBleRunDiagnosticInfo, &ChargerClient::queryDiagnostics>},
+       ask<Diagnostics, &ChargerClient::queryDiagnostics>},
   };
   return kCommands;
 }

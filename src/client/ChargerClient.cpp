@@ -33,19 +33,6 @@ ClientError error(ClientErrorKind kind, std::string message, std::int64_t code =
   return ClientError{kind, code, std::move(message)};
 }
 
-// An acknowledgement carries its status in body byte 0.
-SettingResult settingResult(const Bytes& frame) {
-  if (frame.size() <= protocol::kFrameHeaderLength) throw std::out_of_range("no status byte");
-  return SettingResult{decode::setResult(frame).resultType};
-}
-
-// The full state answer or the short fault answer; no other length is a state.
-ChargerState chargerState(const Bytes& frame) {
-  if (frame.size() != protocol::kStateLength && frame.size() != protocol::kFaultLength)
-    throw std::out_of_range("a state answer of " + std::to_string(frame.size()) + " bytes");
-  return ChargerState{decode::chargerState(frame)};
-}
-
 bool sameText(const std::string& a, const std::string& b) {
   return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
            return std::tolower(static_cast<unsigned char>(x)) ==
@@ -551,7 +538,7 @@ void ChargerClient::onRangeError(const std::out_of_range& range) {
 
 // Each command with the tag it records and how its answer becomes a value.
 void ChargerClient::synchroTime(Completion<SettingResult> done) {
-  enqueue<SettingResult>(1, kCmdSynchroTime, &TQBleManager::synchroTimeWithError, settingResult,
+  enqueue<SettingResult>(1, kCmdSynchroTime, &TQBleManager::synchroTimeWithError, &answers::settingResult,
                          std::move(done));
 }
 
@@ -565,7 +552,7 @@ void ChargerClient::setVolume(std::int64_t volume, Completion<SettingResult> don
   enqueue<SettingResult>(
       3, kCmdVolume,
       [volume](TQBleManager& m, const TQErrorHandler& e) { m.setVolumeWithVolumeSize(volume, e); },
-      settingResult, std::move(done));
+      &answers::settingResult, std::move(done));
 }
 
 void ChargerClient::reserve(std::int64_t startHour, std::int64_t startMinute, std::int64_t endHour,
@@ -575,61 +562,59 @@ void ChargerClient::reserve(std::int64_t startHour, std::int64_t startMinute, st
       [=](TQBleManager& m, const TQErrorHandler& e) {
         m.orderChargerWithStartHour(startHour, startMinute, endHour, endMinute, e);
       },
-      settingResult, std::move(done));
+      &answers::settingResult, std::move(done));
 }
 
 void ChargerClient::startCharging(Completion<SettingResult> done) {
   enqueue<SettingResult>(5, kCmdStartCharging, &TQBleManager::startChargingWithError,
-                         settingResult, std::move(done));
+                         &answers::settingResult, std::move(done));
 }
 
 void ChargerClient::queryChargerState(Completion<ChargerState> done) {
   enqueue<ChargerState>(6, kCmdChargerState, &TQBleManager::queryChargerStateWithError,
-                        chargerState, std::move(done));
+                        &answers::chargerState, std::move(done));
 }
 
 void ChargerClient::stopCharging(Completion<SettingResult> done) {
   enqueue<SettingResult>(
       7, kCmdStopCharge, &TQBleManager::stopChargeWithError,
-      settingResult, std::move(done));
+      &answers::settingResult, std::move(done));
 }
 
 void ChargerClient::queryChargingData(Completion<ChargerState> done) {
   enqueue<ChargerState>(6, kCmdChargerState, &TQBleManager::queryChargingDataWithError,
-                        chargerState, std::move(done));
+                        &answers::chargerState, std::move(done));
 }
 
 void ChargerClient::queryHistory(Completion<ChargingHistory> done) {
   enqueue<ChargingHistory>(8, kCmdHistory, &TQBleManager::queryHistoryChargingListWithError,
-                           &decode::chargingHistory, std::move(done));
+                           &answers::chargingHistory, std::move(done));
 }
 
 void ChargerClient::queryCumulativeEnergy(Completion<CumulativeEnergy> done) {
   enqueue<CumulativeEnergy>(
       9, kCmdCumulation, &TQBleManager::queryCumulationElecQuantityWithError,
-      [](const Bytes& answer) { return CumulativeEnergy{decode::cumulativeEnergy(answer)}; },
+      &answers::cumulativeEnergy,
       std::move(done));
 }
 
 void ChargerClient::queryErrorLog(Completion<ErrorLog> done) {
   enqueue<ErrorLog>(15, kCmdErrorLog, &TQBleManager::queryHistoryErrorLogListWithError,
-                    &decode::errorLog, std::move(done));
+                    &answers::errorLog, std::move(done));
 }
 
-void ChargerClient::queryDiagnostics(Completion<TQBleRunDiagnosticInfo> done) {
-  enqueue<TQBleRunDiagnosticInfo>(13, kCmdDiagnosis, &TQBleManager::runningDiagnosticInfoWithError,
-                                  &decode::runningDiagnosis, std::move(done));
+void ChargerClient::queryDiagnostics(Completion<Diagnostics> done) {
+  enqueue<Diagnostics>(13, kCmdDiagnosis, &TQBleManager::runningDiagnosticInfoWithError,
+                       &answers::diagnostics, std::move(done));
 }
 
-// The ten rows as the manager titles them, with this answer's contents.
+// The typed answer, with the manager's titles on its rows.
 std::function<SystemInfo(const Bytes&)> ChargerClient::systemInfo() {
   return [this](const Bytes& frame) {
-    const auto contents = decode::systemInfo(frame);
-    SystemInfo info;
-    const auto& rows = manager_->systemTitleArr();
-    for (std::size_t i = 0; i < info.size() && i < rows.size(); ++i) {
-      info[i] = {rows[i]->title.value_or(""), contents[i]};
-    }
+    SystemInfo info = answers::systemInfo(frame);
+    const auto& titles = manager_->systemTitleArr();
+    for (std::size_t i = 0; i < info.rows.size() && i < titles.size(); ++i)
+      info.rows[i].title = titles[i]->title.value_or("");
     return info;
   };
 }

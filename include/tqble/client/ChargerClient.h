@@ -22,6 +22,7 @@
 #include "tqble/TQBleManager.h"
 #include "tqble/TQBleManagerDelegate.h"
 #include "tqble/TQError.h"
+#include "tqble/client/Answers.h"
 
 namespace tqble {
 
@@ -79,58 +80,6 @@ class Outcome {
 /// Receives a request's outcome, on the main queue.
 template <typename T>
 using Completion = std::function<void(const Outcome<T>&)>;
-
-/// Unit conversions of the raw integers the decoders store, as the post sends them.
-namespace units {
-/// Voltage fields count 0.1 V.
-constexpr double volts(std::uint64_t raw) {
-  return static_cast<double>(raw) / 10.0;
-}
-/// Current fields count 0.1 A.
-constexpr double amperes(std::uint64_t raw) {
-  return static_cast<double>(raw) / 10.0;
-}
-/// Energy fields count watt-hours.
-constexpr double kilowattHours(std::uint64_t raw) {
-  return static_cast<double>(raw) / 1000.0;
-}
-/// Duration fields count seconds (a negative 32-bit value arrives sign-extended).
-constexpr std::int64_t seconds(std::uint64_t raw) {
-  return static_cast<std::int64_t>(raw);
-}
-}  // namespace units
-
-/// One system-information display row.
-struct InfoRow {
-  std::string title;
-  std::string content;
-};
-/// The ten rows: post number (always "获取系统信息"), type, maker, magic number, protocol
-/// version, firmware version, firmware model, volume, post clock, gun state.
-using SystemInfo = std::array<InfoRow, 10>;
-
-/// The charger state: gun status and, in a full answer, the running session. Raw fields
-/// as decoded: elecQuantity Wh, voltage 0.1 V, electric 0.1 A, duration s (see units).
-struct ChargerState {
-  TQBleChargingData data;
-  /// Whether the post answered with a fault code (failureReason holds its text).
-  bool fault() const { return data.failureReason.has_value(); }
-};
-
-/// A setting's acknowledgement.
-struct SettingResult {
-  std::int64_t resultType = TQSetCmdFailure;  ///< TQSetCmdSuccess or TQSetCmdFailure
-  bool accepted() const { return resultType == TQSetCmdSuccess; }
-};
-
-/// Charging sessions: elecQuantity Wh, duration s, start and end as local date texts.
-using ChargingHistory = std::vector<TQBleChargeHistory>;
-/// The post's lifetime delivered energy, in Wh (units::kilowattHours).
-struct CumulativeEnergy {
-  std::int32_t raw = 0;
-};
-/// Error-log entries: local date text and the post's code.
-using ErrorLog = std::vector<TQBleErrorListLog>;
 
 /// Reconnection after a link lost without disconnect(): how often and after how long.
 struct ReconnectPolicy {
@@ -206,7 +155,7 @@ class ChargerClient {
 
   /// Sets the post's clock to now.
   void synchroTime(Completion<SettingResult> done);
-  /// The ten system-information rows, as the manager shows them.
+  /// The system information, with the manager's ten rows in `rows`.
   void querySystemInfo(Completion<SystemInfo> done);
   /// Volume 0-100; digits 0-9 travel as an empty body and the post may refuse them.
   void setVolume(std::int64_t volume, Completion<SettingResult> done);
@@ -215,7 +164,7 @@ class ChargerClient {
                std::int64_t endMinute, Completion<SettingResult> done);
   /// Starts charging; the post refuses unless a car is plugged in.
   void startCharging(Completion<SettingResult> done);
-  /// The charger state, or its fault.
+  /// The charger state, or its fault (`fault` set).
   void queryChargerState(Completion<ChargerState> done);
   /// Stop charging, as the post acknowledged it (the manager itself always reports success).
   void stopCharging(Completion<SettingResult> done);
@@ -227,8 +176,8 @@ class ChargerClient {
   void queryCumulativeEnergy(Completion<CumulativeEnergy> done);
   /// The error log.
   void queryErrorLog(Completion<ErrorLog> done);
-  /// The running diagnostics (texts with their units, as decoded).
-  void queryDiagnostics(Completion<TQBleRunDiagnosticInfo> done);
+  /// The running diagnostics.
+  void queryDiagnostics(Completion<Diagnostics> done);
   /// Requests waiting or running.
   std::size_t queued() const { return queue_.size(); }
 
