@@ -25,7 +25,7 @@ Completion<T> asJson(Completion<Json> done) {
 }
 
 // A client request that takes only its completion.
-template <typename T, void (ChargerClient::*Request)(Completion<T>)>
+template <typename T, Pending<T> (ChargerClient::*Request)(Completion<T>)>
 void ask(ChargerClient& c, const Args&, Completion<Json> done) {
   (c.*Request)(asJson<T>(std::move(done)));
 }

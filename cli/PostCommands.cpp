@@ -105,6 +105,8 @@ int exitStatus(ClientErrorKind kind) {
       return 6;
     case ClientErrorKind::Malformed:
       return 7;
+    case ClientErrorKind::Cancelled:
+      break;  // the commands cancel nothing
   }
   return 1;
 }

@@ -37,7 +37,7 @@ struct ClientSession {
   }
   /// Runs one request to its end and returns its outcome.
   template <typename T>
-  Outcome<T> ask(void (ChargerClient::*request)(Completion<T>)) {
+  Outcome<T> ask(Pending<T> (ChargerClient::*request)(Completion<T>)) {
     std::optional<Outcome<T>> outcome;
     (client.get()->*request)([&](const Outcome<T>& o) { outcome = o; });
     client->runUntil([&] { return outcome.has_value(); }, 30s);
