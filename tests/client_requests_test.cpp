@@ -39,33 +39,33 @@ const Ask kAsks[] = {
     {"State",
      [](ChargerClient& c, auto done) {
        c.queryChargerState(summarise<ChargerState>(done, [](const ChargerState& s) {
-         return s.data.gunStatus.value_or("") + " " + std::to_string(s.data.voltage);
+         return s.record.gunStatus.value_or("") + " " + std::to_string(s.record.voltage);
        }));
      }},
     {"SystemInfo",
      [](ChargerClient& c, auto done) {
        c.querySystemInfo(summarise<SystemInfo>(done, [](const SystemInfo& i) {
-         return i[2].content + " " + i[5].content + " " + i[9].content;
+         return i.rows[2].content + " " + i.rows[5].content + " " + i.rows[9].content;
        }));
      }},
     {"History",
      [](ChargerClient& c, auto done) {
        c.queryHistory(summarise<ChargingHistory>(done, [](const ChargingHistory& h) {
          std::string serials;
-         for (const auto& e : h) serials += e.serialNumber.value_or("?") + ",";
+         for (const auto& e : h) serials += e.record.serialNumber.value_or("?") + ",";
          return serials;
        }));
      }},
     {"ErrorLog",
      [](ChargerClient& c, auto done) {
        c.queryErrorLog(summarise<ErrorLog>(done, [](const ErrorLog& l) {
-         return std::to_string(l.size()) + " " + (l.empty() ? "" : *l[0].date);
+         return std::to_string(l.size()) + " " + (l.empty() ? "" : *l[0].record.date);
        }));
      }},
     {"Diagnostics",
      [](ChargerClient& c, auto done) {
-       c.queryDiagnostics(summarise<TQBleRunDiagnosticInfo>(
-           done, [](const TQBleRunDiagnosticInfo& d) { return *d.versionNum + *d.chargeState; }));
+       c.queryDiagnostics(summarise<Diagnostics>(
+           done, [](const Diagnostics& d) { return *d.record.versionNum + *d.record.chargeState; }));
      }},
 };
 

@@ -37,7 +37,7 @@ struct ClientSession {
   }
   /// Runs one request to its end and returns its outcome.
   template <typename T>
-  Outcome<T> ask(void (ChargerClient::*request)(Completion<T>)) {
+  Outcome<T> ask(Pending<T> (ChargerClient::*request)(Completion<T>)) {
     std::optional<Outcome<T>> outcome;
     (client.get()->*request)([&](const Outcome<T>& o) { outcome = o; });
     client->runUntil([&] { return outcome.has_value(); }, 30s);
@@ -127,17 +127,17 @@ TEST(ChargerClient, ReadsTheStatesValuesInUnitsAndAFaultAsAFault) {
   s.connect();
   using C = ChargerClient;
   const auto state = s.ask<ChargerState>(&C::queryChargerState).value();
-  EXPECT_EQ(state.data.gunStatus, "正在充电中");
-  EXPECT_FALSE(state.fault());
-  EXPECT_DOUBLE_EQ(units::volts(state.data.voltage), 220.0);
-  EXPECT_DOUBLE_EQ(units::amperes(state.data.electric), 31.8);
-  EXPECT_GE(units::seconds(state.data.duration), 4);
+  EXPECT_EQ(state.record.gunStatus, "正在充电中");
+  EXPECT_FALSE(state.fault);
+  EXPECT_DOUBLE_EQ(state.volts, 220.0);
+  EXPECT_DOUBLE_EQ(state.amperes, 31.8);
+  EXPECT_GE(state.duration.count(), 4);
   s.post->faults().refuse = {0xB6};
   EXPECT_FALSE(s.ask<SettingResult>(&C::stopCharging).value().accepted());
   s.post->faults().faultAnswer = sim::FaultOverVoltage;
   const auto fault = s.ask<ChargerState>(&C::queryChargerState).value();
-  EXPECT_TRUE(fault.fault());
-  EXPECT_EQ(fault.data.failureReason, "过压");
+  EXPECT_EQ(fault.fault ? fault.fault->kind : FaultKind::Other, FaultKind::OverVoltage);
+  EXPECT_EQ(fault.record.failureReason, "过压");
 }
 
 TEST(ChargerClient, EndsEveryRequestWhoseAnswerNeverComesWithATimeOutAndNothingPending) {

@@ -129,7 +129,7 @@ TEST_P(HostedClient, DeliversEveryAnswerAndContainsAShortAnswersRangeError) {
   ASSERT_TRUE(cut->ok()) << cut->error().message;
   EXPECT_EQ(cut->value().size(), 3u);
   ASSERT_TRUE(state->ok()) << state->error().message;
-  EXPECT_EQ(state->value().data.gunStatus, "未知");
+  EXPECT_EQ(state->value().record.gunStatus, "未知");
   ASSERT_TRUE(whole->ok()) << whole->error().message;
   EXPECT_EQ(whole->value().size(), 3u);
 }
