@@ -159,7 +159,7 @@ class UnderFault : public testing::TestWithParam<std::tuple<Fault, Ask>> {};
 
 TEST_P(UnderFault, GivesThePostsTrueAnswerOrATimeOutAndTheNextRequestItsOwn) {
   const auto& [fault, ask] = GetParam();
-  Session s({.connectTimeout = 10s, .requestTimeout = 1s});
+  Session s({.connectTimeout = 10s, .requestTimeout = 1s, .reconnect = {}});
   for (int i = 0; i < 3; ++i) s.post->model().addError({1'699'800'000 + i, 4});
   s.client->runUntil([] { return false; }, 4s);
   const std::string expected = s.ask(ask);
@@ -211,7 +211,7 @@ TEST(ClientLink, APostNamingItsAttributesInLowerCaseSaysSo) {
   MainQueue::main().useVirtualClock();
   TQBleManager::useBackend("sim");
   sim::SimRadio::shared().addPost()->faults().lowerCaseIdentifiers = {"FFF0", "FFF4"};
-  ChargerClient client({.connectTimeout = 2s});
+  ChargerClient client({.connectTimeout = 2s, .requestTimeout = 5s, .reconnect = {}});
   std::optional<Outcome<ChargerClient::PeripheralPtr>> link;
   client.connect("", [&](const auto& o) { link = o; });
   client.runUntil([&] { return link.has_value(); }, 5s);
