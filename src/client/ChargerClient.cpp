@@ -464,14 +464,14 @@ Pending<T> ChargerClient::enqueue(std::int64_t tag, std::uint8_t code, Issue iss
           return done(error(ClientErrorKind::Malformed, "the answer's checksum does not hold"));
         std::optional<Outcome<T>> outcome;
         try {
-          outcome.emplace(value(frame), mismatch);
+          outcome.emplace(value(frame), frame, mismatch);
         } catch (const std::out_of_range& range) {
           outcome.emplace(error(ClientErrorKind::Malformed,
                                 std::string("the answer could not be decoded: ") + range.what()));
         }
         done(*outcome);
       },
-      id};
+      id, std::nullopt};
   if (link_ == Link::Idle) {
     // Nothing to wait for: fail on the queue, as every other outcome arrives.
     after(0ms, [request = std::move(request)](ChargerClient&) {

@@ -59,9 +59,10 @@ class Outcome {
  public:
   /// An answer.
   Outcome(T value) : state_(std::move(value)) {}
-  /// An answer whose frame's checksum did not hold (ClientOptions::acceptChecksumMismatch).
-  Outcome(T value, bool checksumMismatch)
-      : state_(std::move(value)), checksumMismatch_(checksumMismatch) {}
+  /// An answer read from `frame`, whose checksum may not have held
+  /// (ClientOptions::acceptChecksumMismatch).
+  Outcome(T value, Bytes frame, bool checksumMismatch)
+      : state_(std::move(value)), frame_(std::move(frame)), checksumMismatch_(checksumMismatch) {}
   /// A failure.
   Outcome(ClientError error) : state_(std::move(error)) {}
   /// Whether it holds an answer.
@@ -72,9 +73,12 @@ class Outcome {
   const ClientError& error() const { return std::get<1>(state_); }
   /// Whether the answer was taken although its checksum did not hold.
   bool checksumMismatch() const { return checksumMismatch_; }
+  /// The whole answer frame as the post sent it (empty for a failure).
+  const Bytes& frame() const { return frame_; }
 
  private:
   std::variant<T, ClientError> state_;
+  Bytes frame_;
   bool checksumMismatch_ = false;
 };
 
