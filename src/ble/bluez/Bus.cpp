@@ -1,8 +1,7 @@
-// The only file that speaks sdbus-c++. Its loop thread reads messages into BusValues by
-// their signatures and posts them to the main queue; everything else happens there.
-#include "Bus.h"
-
-#include <sdbus-c++/sdbus-c++.h>
+// The only file pair that speaks sdbus-c++ (with BusObjects.cpp): the connection, its
+// messages read into BusValues by their signatures and written from them, calls to other
+// services and signal subscriptions. Everything it hands over runs on the main queue.
+#include "BusWire.h"
 
 #include <algorithm>
 #include <atomic>
@@ -12,7 +11,7 @@
 #include "tqble/platform/MainQueue.h"
 
 namespace tqble::bluez {
-namespace {
+namespace wire {
 
 [[noreturn]] void misfit(std::string_view signature) {
   throw BusFailure("value does not fit the D-Bus signature '" + std::string(signature) + "'",
@@ -272,41 +271,12 @@ BusList readAll(sdbus::Message& m, std::string_view sig) {
 
 void post(MainQueue::Task task) { MainQueue::main().async(std::move(task)); }
 
-constexpr char kUnknownMethod[] = "org.freedesktop.DBus.Error.UnknownMethod";
+}  // namespace wire
 
-}  // namespace
-
-const BusValue* BusValue::at(const std::string& key) const {
-  const auto* dict = as<BusDict>();
-  if (!dict) return nullptr;
-  auto it = dict->find(key);
-  return it == dict->end() ? nullptr : &it->second;
-}
-
-// ---- Bus --------------------------------------------------------------------------------
-
-struct Bus::Impl {
-  // Shared with the exported objects, which may outlive the bus's own use of it.
-  std::shared_ptr<sdbus::IConnection> connection;
-  std::atomic<bool> closed{false};
-  std::mutex mutex;  // proxies and calls left for closing, used from any thread
-  std::map<std::pair<std::string, std::string>, std::unique_ptr<sdbus::IProxy>> proxies;
-  struct Farewell {
-    std::string service, path, interface, method;
-  };
-  std::map<std::string, Farewell> farewells;
-  std::vector<sdbus::PendingAsyncCall> inFlight;
-  std::string uniqueName;
-
-  // Proxies outlive their pending calls: they stay until the bus goes.
-  sdbus::IProxy& proxy(const std::string& service, const std::string& path) {
-    auto& slot = proxies[{service, path}];
-    if (!slot) slot = sdbus::createProxy(*connection, service, path);
-    return *slot;
-  }
-};
+using namespace wire;
 
 Bus::Bus(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
 
 Bus::~Bus() { close(); }
 
@@ -453,211 +423,11 @@ void Bus::releaseName(const std::string& name) {
   }
 }
 
-// ---- Exported objects -------------------------------------------------------------------
-
-struct BusCall::Pending {
-  explicit Pending(sdbus::MethodCall m, std::string out) : call(std::move(m)), outSignature(std::move(out)) {}
-  sdbus::MethodCall call;
-  std::string outSignature;
-  bool answered = false;
-};
-
-void BusCall::reply(const BusList& values) const {
-  if (pending_->answered) return;
-  pending_->answered = true;
-  auto message = pending_->call.createReply();
-  try {
-    writeAll(message, values, pending_->outSignature);
-  } catch (const BusFailure& e) {
-    pending_->call.createErrorReply(sdbus::Error(e.errorName(), e.what())).send();
-    return;
-  }
-  message.send();
-}
-
-void BusCall::fail(const std::string& name, const std::string& message) const {
-  if (pending_->answered) return;
-  pending_->answered = true;
-  pending_->call.createErrorReply(sdbus::Error(name, message)).send();
-}
-
-struct BusObject::Impl {
-  struct Shared {
-    std::mutex mutex;  // property values, read by the bus thread
-    std::map<std::pair<std::string, std::string>, BusValue> properties;
-    std::map<std::pair<std::string, std::string>, Method> methods;
-    PropertyWritten written;
-  };
-  std::shared_ptr<sdbus::IConnection> connection;  // outlives `object`
-  std::shared_ptr<Shared> shared = std::make_shared<Shared>();  // outlives `object` too
-  std::unique_ptr<sdbus::IObject> object;
-  std::vector<std::string> interfaces;
-  std::string path;
-
-  void noteInterface(const std::string& interface) {
-    if (std::find(interfaces.begin(), interfaces.end(), interface) == interfaces.end()) interfaces.push_back(interface);
-  }
-};
-
-BusObject::BusObject(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
-BusObject::~BusObject() = default;
-
-const std::string& BusObject::path() const { return impl_->path; }
-
-void BusObject::addMethod(const std::string& interface, const std::string& name, const std::string& in,
-                          const std::string& out, Method handler) {
-  impl_->noteInterface(interface);
-  {
-    std::lock_guard lock(impl_->shared->mutex);
-    impl_->shared->methods[{interface, name}] = std::move(handler);
-  }
-  std::weak_ptr<Impl::Shared> weak = impl_->shared;
-  impl_->object->registerMethod(interface, name, in, out, [weak, interface, name, in, out](sdbus::MethodCall m) {
-    BusList args;
-    try {
-      args = readAll(m, in);
-    } catch (const std::exception& e) {
-      m.createErrorReply(sdbus::Error("org.freedesktop.DBus.Error.InvalidArgs", e.what())).send();
-      return;
-    }
-    auto sender = m.getSender();
-    auto pending = std::make_shared<BusCall::Pending>(std::move(m), out);
-    post([weak, interface, name, call = BusCall(pending, std::move(sender), std::move(args))] {
-      Method method;
-      if (auto shared = weak.lock()) {
-        std::lock_guard lock(shared->mutex);
-        method = shared->methods[{interface, name}];
-      }
-      if (method) method(call);
-      else call.fail(kUnknownMethod, "the object is gone");
-    });
-  });
-}
-
-void BusObject::addProperty(const std::string& interface, const std::string& name, BusValue initial,
-                            bool writable) {
-  impl_->noteInterface(interface);
-  const std::string signature = initial.signature();
-  {
-    std::lock_guard lock(impl_->shared->mutex);
-    impl_->shared->properties[{interface, name}] = std::move(initial);
-  }
-  std::weak_ptr<Impl::Shared> weak = impl_->shared;
-  // Runs on whichever thread asks; only sdbus::Error may leave it (as an error reply).
-  auto getter = [weak, interface, name, signature](sdbus::PropertyGetReply& reply) {
-    auto shared = weak.lock();
-    if (!shared) throw sdbus::Error("org.freedesktop.DBus.Error.UnknownObject", "the object is gone");
-    BusValue value;
-    {
-      std::lock_guard lock(shared->mutex);
-      value = shared->properties[{interface, name}];
-    }
-    try {
-      write(reply, value, signature);
-    } catch (const BusFailure& e) {
-      throw sdbus::Error(e.errorName(), e.what());
-    }
-  };
-  if (!writable) {
-    impl_->object->registerProperty(interface, name, signature, std::move(getter));
-    return;
-  }
-  impl_->object->registerProperty(
-      interface, name, signature, std::move(getter),
-      [weak, object = impl_->object.get(), interface, name, signature](sdbus::PropertySetCall& call) {
-        std::optional<BusValue> value;
-        try {
-          value = read(call, signature);
-        } catch (const BusFailure& e) {
-          throw sdbus::Error(e.errorName(), e.what());
-        }
-        auto shared = weak.lock();
-        if (!value || !shared) return;
-        {
-          std::lock_guard lock(shared->mutex);
-          shared->properties[{interface, name}] = std::move(*value);
-        }
-        object->emitPropertiesChangedSignal(interface, {name});
-        post([weak, interface, name] {
-          auto s = weak.lock();
-          if (!s) return;
-          PropertyWritten written;
-          {
-            std::lock_guard lock(s->mutex);
-            written = s->written;
-          }
-          if (written) written(interface, name);
-        });
-      });
-}
-
-void BusObject::addSignal(const std::string& interface, const std::string& name, const std::string& signature) {
-  impl_->noteInterface(interface);
-  impl_->object->registerSignal(interface, name, signature);
-}
-
-void BusObject::onPropertyWritten(PropertyWritten handler) {
-  std::lock_guard lock(impl_->shared->mutex);
-  impl_->shared->written = std::move(handler);
-}
-
-void BusObject::finish() {
-  try {
-    impl_->object->finishRegistration();
-  } catch (const sdbus::Error& e) {
-    throw BusFailure("cannot export " + impl_->path + ": " + e.getMessage(), e.getName());
-  }
-}
-
-BusValue BusObject::get(const std::string& interface, const std::string& name) const {
-  std::lock_guard lock(impl_->shared->mutex);
-  auto it = impl_->shared->properties.find({interface, name});
-  return it == impl_->shared->properties.end() ? BusValue{} : it->second;
-}
-
-void BusObject::set(const std::string& interface, const std::string& name, BusValue value) {
-  setQuietly(interface, name, std::move(value));
-  emitChanged(interface, {name});
-}
-
-void BusObject::setQuietly(const std::string& interface, const std::string& name, BusValue value) {
-  std::lock_guard lock(impl_->shared->mutex);
-  impl_->shared->properties[{interface, name}] = std::move(value);
-}
-
-void BusObject::emitChanged(const std::string& interface, const std::vector<std::string>& names) {
-  impl_->object->emitPropertiesChangedSignal(interface, names);
-}
-
-void BusObject::emitSignal(const std::string& interface, const std::string& name, const BusList& args) {
-  auto signal = impl_->object->createSignal(interface, name);
-  std::string signature;
-  for (const auto& arg : args) signature += arg.signature();
-  writeAll(signal, args, signature);
-  impl_->object->emitSignal(signal);
-}
-
-void BusObject::emitAdded() { impl_->object->emitInterfacesAddedSignal(impl_->interfaces); }
-
-void BusObject::emitRemoved() { impl_->object->emitInterfacesRemovedSignal(impl_->interfaces); }
-
-std::unique_ptr<BusObject> Bus::exportObject(const std::string& path) {
-  auto impl = std::make_unique<BusObject::Impl>();
-  if (closed()) throw BusFailure("cannot export " + path + ": the bus is closed", kUnknownMethod);
-  impl->path = path;
-  impl->connection = impl_->connection;
-  impl->object = sdbus::createObject(*impl_->connection, path);
-  return std::make_unique<BusObject>(std::move(impl));
-}
-
-std::unique_ptr<BusObject> Bus::exportObjectManager(const std::string& path) {
-  auto object = exportObject(path);
-  try {
-    object->impl_->object->addObjectManager();
-  } catch (const sdbus::Error& e) {
-    throw BusFailure("cannot export an object manager at " + path + ": " + e.getMessage(), e.getName());
-  }
-  return object;
+const BusValue* BusValue::at(const std::string& key) const {
+  const auto* dict = as<BusDict>();
+  if (!dict) return nullptr;
+  auto it = dict->find(key);
+  return it == dict->end() ? nullptr : &it->second;
 }
 
 }  // namespace tqble::bluez
