@@ -7,8 +7,10 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <utility>
+#include <vector>
 
 namespace tqble {
 
@@ -51,10 +53,35 @@ class MainQueue {
   /// Drops every queued task (tests).
   void clear();
 
+  /// What a watcher waits for: `events` (poll(2) flags) on `fd`, or `deadline` at the latest.
+  struct Interest {
+    int fd = -1;
+    short events = 0;
+    Clock::time_point deadline = Clock::time_point::max();
+  };
+  /// Lets the queue wait on a descriptor beside its tasks (a bus connection's socket), so
+  /// that what arrives on it is handled on this thread without a hand-over. `interest` is
+  /// asked before each wait; `ready` runs as a task when the descriptor is ready or the
+  /// deadline has passed. Returns the watcher's number for unwatch(). Queue thread only.
+  std::uint64_t watch(std::function<Interest()> interest, Task ready);
+  /// Ends a watcher; its `ready` is not called again. Queue thread only.
+  void unwatch(std::uint64_t id);
+
  private:
   MainQueue() = default;
-  bool runOneDue(Clock::time_point upTo);
+  struct Watcher {
+    std::function<Interest()> interest;
+    Task ready;
+  };
+  bool runOneDue(Clock::time_point upTo, bool peek);
   std::pair<bool, Clock::time_point> nextTimer() const;
+  /// Waits until `until` for tasks or watched descriptors (none watched: the condition
+  /// variable), then runs the watchers that are ready. The lock is held on entry and exit.
+  /// Returns whether a watcher ran.
+  bool wait(std::unique_lock<std::mutex>& lock, Clock::time_point until, bool forever);
+  /// Polls the watchers (and the wake-up descriptor) for up to `timeoutMs`; runs the ready
+  /// ones. Returns whether one ran.
+  bool pollWatchers(int timeoutMs);
 
   mutable std::mutex mutex_;  // only guards hand-over from other threads
   std::condition_variable wake_;
@@ -64,6 +91,12 @@ class MainQueue {
   std::atomic<bool> virtual_ = false;
   Clock::time_point virtualNow_{};
   bool stopRequested_ = false;
+  // Watchers are only touched on the queue's thread; a hand-over while it polls them
+  // writes to wakeFd_ instead of notifying the condition variable.
+  std::map<std::uint64_t, std::shared_ptr<Watcher>> watchers_;
+  std::uint64_t nextWatcher_ = 0;
+  int wakeFd_ = -1;
+  bool polling_ = false;
 };
 
 }  // namespace tqble

@@ -269,14 +269,63 @@ BusList readAll(sdbus::Message& m, std::string_view sig) {
   return out;
 }
 
-void post(MainQueue::Task task) { MainQueue::main().async(std::move(task)); }
+namespace {
+// The inbox of the connection being read on this thread, if any.
+thread_local std::vector<MainQueue::Task>* tInbox = nullptr;
+}  // namespace
+
+void post(MainQueue::Task task) {
+  if (tInbox) tInbox->push_back(std::move(task));
+  else MainQueue::main().async(std::move(task));
+}
 
 }  // namespace wire
 
 using namespace wire;
 
-Bus::Bus(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+void Bus::Impl::dispatch() {
+  auto* outer = tInbox;
+  tInbox = &inbox;
+  try {
+    while (connection->processPendingRequest()) {
+    }
+  } catch (const sdbus::Error& e) {
+    // The bus daemon went away (sd-bus has already failed the calls awaiting replies).
+    lost = true;
+    closed = true;
+    MainQueue::main().unwatch(watcher);
+    for (const auto& weak : lossHandlers) {
+      if (auto handler = weak.lock()) inbox.push_back([weak] { if (auto h = weak.lock()) (*h)(); });
+    }
+  }
+  tInbox = outer;
+  drain();
+}
 
+void Bus::Impl::drain() {
+  struct Rest {
+    Impl& impl;
+    ~Rest() {
+      if (impl.next == impl.inbox.size()) {
+        impl.inbox.clear();
+        impl.next = 0;
+        return;
+      }
+      // A task threw: the others of this wake-up still run, in order, after it.
+      std::vector<MainQueue::Task> rest(std::make_move_iterator(impl.inbox.begin() + static_cast<std::ptrdiff_t>(impl.next)),
+                                        std::make_move_iterator(impl.inbox.end()));
+      impl.inbox.clear();
+      impl.next = 0;
+      for (auto& task : rest) MainQueue::main().async(std::move(task));
+    }
+  } rest{*this};
+  while (next < inbox.size()) {
+    auto task = std::move(inbox[next++]);
+    task();
+  }
+}
+
+Bus::Bus(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
 Bus::~Bus() { close(); }
 
@@ -286,10 +335,25 @@ std::shared_ptr<Bus> Bus::openSystem() {
   try {
     impl->connection = sdbus::createSystemBusConnection();
     impl->uniqueName = impl->connection->getUniqueName();
-    impl->connection->enterEventLoopAsync();
   } catch (const sdbus::Error& e) {
     throw BusFailure("cannot reach the system bus: " + e.getMessage(), e.getName());
   }
+  // The main queue reads the connection itself: one wake-up per message, no hand-over.
+  Impl* raw = impl.get();
+  raw->watcher = MainQueue::main().watch(
+      [raw] {
+        MainQueue::Interest interest;
+        try {
+          const auto poll = raw->connection->getEventLoopPollData();
+          interest.fd = poll.fd;
+          interest.events = poll.events;
+          if (const auto left = poll.getRelativeTimeout()) interest.deadline = MainQueue::Clock::now() + *left;
+        } catch (const sdbus::Error&) {
+          interest.deadline = MainQueue::Clock::now();  // broken: reading it tells
+        }
+        return interest;
+      },
+      [raw] { raw->dispatch(); });
   return std::make_shared<Bus>(std::move(impl));
 }
 
@@ -312,9 +376,18 @@ std::string Bus::uniqueName() const { return impl_->uniqueName; }
 
 bool Bus::closed() const { return impl_->closed.load(); }
 
+bool Bus::lost() const { return impl_->lost; }
+
+BusSubscription Bus::whenLost(std::function<void()> handler) {
+  auto token = std::make_shared<std::function<void()>>(std::move(handler));
+  std::erase_if(impl_->lossHandlers, [](const auto& weak) { return weak.expired(); });
+  impl_->lossHandlers.push_back(token);
+  return BusSubscription(token);
+}
+
 void Bus::close() {
+  MainQueue::main().unwatch(impl_->watcher);
   if (impl_->closed.exchange(true)) return;
-  impl_->connection->leaveEventLoop();
   std::lock_guard lock(impl_->mutex);
   for (const auto& [key, f] : impl_->farewells) {
     try {

@@ -1,7 +1,8 @@
 #pragma once
 
-// The D-Bus plumbing of the BlueZ backends: one connection with its own loop thread that
-// only turns messages into plain values and hands them to MainQueue::main(). This file
+// The D-Bus plumbing of the BlueZ backends: connections read by the main queue itself
+// (it watches their sockets), whose messages are turned into plain values and handed to
+// the callbacks once everything one wake-up brought is read. This file
 // has the values and the connection as a client of other services (calls, signal
 // subscriptions); BusObjects.h has what a server exports (methods, properties, an object
 // manager), e.g. an advertised GATT application or a stand-in bluetoothd. Nothing outside
@@ -127,7 +128,7 @@ class BusSubscription {
 
 class BusObject;
 
-/// One connection to a message bus with its own loop thread.
+/// One connection to a message bus, read on the main queue's thread.
 class Bus : public std::enable_shared_from_this<Bus> {
  public:
   using ReplyHandler = std::function<void(const BusReply& reply)>;
@@ -139,7 +140,8 @@ class Bus : public std::enable_shared_from_this<Bus> {
   Bus(const Bus&) = delete;
   Bus& operator=(const Bus&) = delete;
 
-  /// A new connection to the system bus (DBUS_SYSTEM_BUS_ADDRESS when set), its loop running.
+  /// A new connection to the system bus (DBUS_SYSTEM_BUS_ADDRESS when set), watched by the
+  /// main queue; open it on the queue's thread.
   /// @throws BusFailure when the bus cannot be reached.
   static std::shared_ptr<Bus> openSystem();
   /// The process's shared system-bus connection, opened on first use and closed at exit,
@@ -149,9 +151,14 @@ class Bus : public std::enable_shared_from_this<Bus> {
 
   /// This connection's unique name (":1.42").
   std::string uniqueName() const;
-  /// Whether close() has run.
+  /// Whether close() has run or the connection broke.
   bool closed() const;
-  /// Stops the loop thread, sends the calls left for closing, and disconnects. Idempotent.
+  /// Whether the connection broke (the bus daemon went away or dropped us).
+  bool lost() const;
+  /// Runs `handler` on the main queue when the connection breaks, after the failed replies
+  /// of the calls still awaiting one.
+  [[nodiscard]] BusSubscription whenLost(std::function<void()> handler);
+  /// Stops reading, sends the calls left for closing, and disconnects. Idempotent.
   void close();
 
   /// Calls a method without waiting; `onReply` (optional) gets the outcome on the main

@@ -11,7 +11,18 @@ namespace tqble::bluez {
 using namespace wire;
 
 namespace {
+
 constexpr char kUnknownMethod[] = "org.freedesktop.DBus.Error.UnknownMethod";
+
+// A reply or signal on a broken connection goes nowhere; the bus reports the loss itself.
+template <typename Send>
+void quietly(Send send) {
+  try {
+    send();
+  } catch (const sdbus::Error&) {
+  }
+}
+
 }  // namespace
 
 struct BusCall::Pending {
@@ -28,21 +39,21 @@ void BusCall::reply(const BusList& values) const {
   try {
     writeAll(message, values, pending_->outSignature);
   } catch (const BusFailure& e) {
-    pending_->call.createErrorReply(sdbus::Error(e.errorName(), e.what())).send();
+    quietly([&] { pending_->call.createErrorReply(sdbus::Error(e.errorName(), e.what())).send(); });
     return;
   }
-  message.send();
+  quietly([&] { message.send(); });
 }
 
 void BusCall::fail(const std::string& name, const std::string& message) const {
   if (pending_->answered) return;
   pending_->answered = true;
-  pending_->call.createErrorReply(sdbus::Error(name, message)).send();
+  quietly([&] { pending_->call.createErrorReply(sdbus::Error(name, message)).send(); });
 }
 
 struct BusObject::Impl {
   struct Shared {
-    std::mutex mutex;  // property values, read by the bus thread
+    std::mutex mutex;  // property values, read while a message is answered
     std::map<std::pair<std::string, std::string>, BusValue> properties;
     std::map<std::pair<std::string, std::string>, Method> methods;
     PropertyWritten written;
@@ -185,7 +196,7 @@ void BusObject::setQuietly(const std::string& interface, const std::string& name
 }
 
 void BusObject::emitChanged(const std::string& interface, const std::vector<std::string>& names) {
-  impl_->object->emitPropertiesChangedSignal(interface, names);
+  quietly([&] { impl_->object->emitPropertiesChangedSignal(interface, names); });
 }
 
 void BusObject::emitSignal(const std::string& interface, const std::string& name, const BusList& args) {
@@ -193,12 +204,16 @@ void BusObject::emitSignal(const std::string& interface, const std::string& name
   std::string signature;
   for (const auto& arg : args) signature += arg.signature();
   writeAll(signal, args, signature);
-  impl_->object->emitSignal(signal);
+  quietly([&] { impl_->object->emitSignal(signal); });
 }
 
-void BusObject::emitAdded() { impl_->object->emitInterfacesAddedSignal(impl_->interfaces); }
+void BusObject::emitAdded() {
+  quietly([&] { impl_->object->emitInterfacesAddedSignal(impl_->interfaces); });
+}
 
-void BusObject::emitRemoved() { impl_->object->emitInterfacesRemovedSignal(impl_->interfaces); }
+void BusObject::emitRemoved() {
+  quietly([&] { impl_->object->emitInterfacesRemovedSignal(impl_->interfaces); });
+}
 
 std::unique_ptr<BusObject> Bus::exportObject(const std::string& path) {
   auto impl = std::make_unique<BusObject::Impl>();

@@ -36,7 +36,7 @@ class BusCall {
 };
 
 /// An object this process offers on the bus. Declare its members, then finish(); its
-/// property values live here and are read by the bus thread on demand.
+/// property values live here and are read when a client asks.
 class BusObject {
  public:
   using Method = std::function<void(const BusCall& call)>;

@@ -6,6 +6,8 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <atomic>
+#include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -30,7 +32,8 @@ void writeAll(sdbus::Message& m, const BusList& values, std::string_view sig);
 std::optional<BusValue> read(sdbus::Message& m, const std::string& sig);
 /// Reads the sequence of complete types `sig`. @throws BusFailure when the message differs.
 BusList readAll(sdbus::Message& m, std::string_view sig);
-/// Hands `task` to the main queue.
+/// Hands `task` to the main queue: after the other messages of this wake-up when called
+/// while a connection is read, else as a task of its own.
 void post(MainQueue::Task task);
 
 }  // namespace wire
@@ -39,6 +42,12 @@ struct Bus::Impl {
   // Shared with the exported objects, which may outlive the bus's own use of it.
   std::shared_ptr<sdbus::IConnection> connection;
   std::atomic<bool> closed{false};
+  bool lost = false;
+  std::uint64_t watcher = 0;  // the main queue's watch of the connection
+  // What the messages of one wake-up hand over, run in order once they are all read.
+  std::vector<MainQueue::Task> inbox;
+  std::size_t next = 0;
+  std::vector<std::weak_ptr<std::function<void()>>> lossHandlers;
   std::mutex mutex;  // proxies and calls left for closing, used from any thread
   std::map<std::pair<std::string, std::string>, std::unique_ptr<sdbus::IProxy>> proxies;
   struct Farewell {
@@ -47,6 +56,11 @@ struct Bus::Impl {
   std::map<std::string, Farewell> farewells;
   std::vector<sdbus::PendingAsyncCall> inFlight;
   std::string uniqueName;
+
+  /// Reads what the connection has, then runs what it handed over.
+  void dispatch();
+  /// Runs the inbox; what a throwing task leaves is run on a later turn.
+  void drain();
 
   // Proxies outlive their pending calls: they stay until the bus goes.
   sdbus::IProxy& proxy(const std::string& service, const std::string& path) {
