@@ -16,6 +16,8 @@ using namespace std::chrono_literals;
 constexpr auto kConnectTimeout = 35s;
 // How long bluetoothd may stay away before its absence counts as no Bluetooth at all.
 constexpr auto kResettingLimit = 5s;
+// How often a lost system bus is looked for again.
+constexpr auto kBusRetry = 500ms;
 // How long a vanished adapter counts as resetting before the next one is chosen.
 constexpr auto kAdapterGoneWait = 300ms;
 constexpr char kConnectionFailed[] = "The connection to the charging post failed.";
@@ -173,18 +175,39 @@ void BluezCentral::start() {
         "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',member='NameOwnerChanged',"
         "arg0='org.bluez'",
         "sss", on([](BluezCentral& self, const BusSignal& s) { self.ownerChanged(*s.args[2].as<std::string>()); })));
+    subscriptions_.push_back(bus_->whenLost([weak] {
+      if (auto self = weak.lock()) self->busLost();
+    }));
   } catch (const BusFailure& e) {
-    // No system bus (a sandbox) or one that turns us away.
-    TQLog("bluez: %s", e.what());
-    const auto state = e.errorName() == kAccessDenied ? ble::CentralManagerStateUnauthorized
-                                                       : ble::CentralManagerStateUnsupported;
-    MainQueue::main().async([weak = weak_from_this(), state] {
-      if (auto self = weak.lock()) self->setState(state);
+    // No system bus (a sandbox), one that turns us away, or one not back yet.
+    subscriptions_.clear();
+    bus_.reset();
+    if (state_ == ble::CentralManagerStateUnknown) {
+      TQLog("bluez: %s", e.what());
+      const auto state = e.errorName() == kAccessDenied ? ble::CentralManagerStateUnauthorized
+                                                         : ble::CentralManagerStateUnsupported;
+      MainQueue::main().async([weak = weak_from_this(), state] {
+        if (auto self = weak.lock()) self->setState(state);
+      });
+    }
+    MainQueue::main().asyncAfter(kBusRetry, [weak = weak_from_this()] {
+      if (auto self = weak.lock()) self->start();
     });
     return;
   }
   // Subscribed first, then read: nothing between the two is missed.
   sync();
+}
+
+// Like bluetoothd going away, and then looked for on a new connection until one is made.
+void BluezCentral::busLost() {
+  TQLog("bluez: the system bus went away; reconnecting");
+  subscriptions_.clear();
+  bus_.reset();
+  ownerChanged("");
+  MainQueue::main().asyncAfter(kBusRetry, [weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->start();
+  });
 }
 
 void BluezCentral::call(const std::string& path, const std::string& interface, const std::string& method,

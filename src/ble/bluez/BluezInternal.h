@@ -156,7 +156,7 @@ class BluezCentral final : public ble::CentralManager, public std::enable_shared
  public:
   explicit BluezCentral(std::weak_ptr<ble::CentralManagerDelegate> delegate) : delegate_(std::move(delegate)) {}
 
-  /// Opens the bus, subscribes, then reads the object tree.
+  /// Opens the bus, subscribes, then reads the object tree; tries again later while no bus answers.
   void start();
 
   std::int64_t state() const override { return state_; }
@@ -178,6 +178,7 @@ class BluezCentral final : public ble::CentralManager, public std::enable_shared
 
  private:
   std::shared_ptr<ble::CentralManagerDelegate> liveDelegate() const { return delegate_.lock(); }
+  void busLost();
   void sync();
   void synced(const BusReply& reply, std::uint64_t generation);
   void ownerChanged(const std::string& newOwner);
