@@ -23,5 +23,13 @@ TEST_F(BluezSession, TheProcessOutlivesTheBusAndWorksAgainOnceItIsBack) {
   EXPECT_TRUE(fake->connected(post));
 }
 
+TEST_F(BluezSession, AScanStoppedAndStartedAtOnceStillHearsTheNextAdvertisement) {
+  makeCentral();
+  find();  // stops the scan
+  central->scanForPeripheralsWithServices({}, {});  // while bluetoothd still ends the session
+  recorder->events.clear();
+  EXPECT_TRUE(runUntil([&] { return heard("discover C0:FF:EE:00:00:01 TQ-AC7-0042"); }));
+}
+
 }  // namespace
 }  // namespace tqble::test

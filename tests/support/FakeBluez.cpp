@@ -23,6 +23,7 @@ constexpr char kServiceI[] = "org.bluez.GattService1";
 constexpr char kChrcI[] = "org.bluez.GattCharacteristic1";
 constexpr std::uint16_t kMtu = 23;
 constexpr auto kAdvertisingInterval = 50ms;
+constexpr auto kStopDiscoveryDelay = 5ms;
 
 std::string full(const std::string& shortId) { return "0000" + shortId + "-0000-1000-8000-00805f9b34fb"; }
 
@@ -118,18 +119,26 @@ void FakeBluez::addAdapter(const std::string& name, bool powered) {
   o.addMethod(kAdapterI, "StopDiscovery", "", "", [this, raw](const BusCall& call) {
     calls_.push_back("StopDiscovery " + raw->name);
     if (!raw->powered) return fail(call, "NotReady", "Resource Not Ready");
-    if (!raw->discoverers.erase(call.sender())) return fail(call, "Failed", "No discovery started");
-    call.reply();
-    if (!raw->discoverers.empty()) return;
-    ++raw->session;
-    raw->object->set(kAdapterI, "Discovering", BusValue(false));
-    for (auto& d : devices_) {
-      // RSSI is invalidated when discovery ends.
-      if (d->object && d->adapter == raw->name) {
-        d->object->emitSignal("org.freedesktop.DBus.Properties", "PropertiesChanged",
-                              {BusValue(kDeviceI), BusValue(BusDict{}), BusValue(std::vector<std::string>{"RSSI"})});
+    if (!raw->discoverers.contains(call.sender())) return fail(call, "Failed", "No discovery started");
+    // The controller is told first: until it answers, the session is still there (a new
+    // StartDiscovery gets InProgress) and the reply waits.
+    MainQueue::main().asyncAfter(kStopDiscoveryDelay, [this, alive = std::weak_ptr<bool>(alive_), name = raw->name, call] {
+      auto it = alive.lock() ? adapters_.find(name) : adapters_.end();
+      if (it == adapters_.end() || !it->second->object) return;
+      Adapter* raw = it->second.get();
+      raw->discoverers.erase(call.sender());
+      call.reply();
+      if (!raw->discoverers.empty()) return;
+      ++raw->session;
+      raw->object->set(kAdapterI, "Discovering", BusValue(false));
+      for (auto& d : devices_) {
+        // RSSI is invalidated when discovery ends.
+        if (d->object && d->adapter == raw->name) {
+          d->object->emitSignal("org.freedesktop.DBus.Properties", "PropertiesChanged",
+                                {BusValue(kDeviceI), BusValue(BusDict{}), BusValue(std::vector<std::string>{"RSSI"})});
+        }
       }
-    }
+    });
   });
   o.finish();
   o.emitAdded();

@@ -276,7 +276,7 @@ void BluezCentral::setState(std::int64_t state) {
   if (state == state_) return;
   if (state_ == ble::CentralManagerStatePoweredOn) {
     // As on a phone: leaving powered-on stops the scan and drops links without a report.
-    scanning_ = false;
+    forgetDiscovery();
     for (auto& [path, peripheral] : peripherals_) {
       if (peripheral->link() != BluezPeripheral::Link::Disconnected) peripheral->linkDown();
     }
@@ -369,24 +369,62 @@ void BluezCentral::scanForPeripheralsWithServices(const std::vector<ble::UUID>& 
   if (state_ != ble::CentralManagerStatePoweredOn) return;
   scanning_ = true;
   filter_ = serviceUUIDs;
+  // A running session takes the new filter; otherwise it is set as the session starts.
+  if (discovery_ == Discovery::On) setDiscoveryFilter(adapter_, {});
+  else discover();
+}
+
+void BluezCentral::setDiscoveryFilter(const std::string& adapter, Bus::ReplyHandler then) {
   std::vector<std::string> uuids;
-  for (const auto& u : serviceUUIDs) uuids.push_back(fullUuid(u));
+  for (const auto& u : filter_) uuids.push_back(fullUuid(u));
   // Duplicates wanted: every advertisement heard is one report.
   BusDict filter{{"Transport", BusValue("le")}, {"DuplicateData", BusValue(true)}};
   if (!uuids.empty()) filter["UUIDs"] = BusValue(uuids);
-  const auto adapter = adapter_;
   call(adapter, kAdapterInterface, "SetDiscoveryFilter", {BusValue(filter)}, kCallTimeout, "",
-       [weak = weak_from_this(), adapter](const BusReply& reply) {
-         auto self = weak.lock();
-         if (!self || !self->scanning_ || self->adapter_ != adapter) return;
+       [then = std::move(then)](const BusReply& reply) {
          if (reply.error) TQLog("bluez: discovery filter refused: %s", reply.error->message.c_str());
-         self->call(adapter, kAdapterInterface, "StartDiscovery", {}, kCallTimeout, "", [](const BusReply& r) {
-           // InProgress: this connection's session is already running.
-           if (r.error && r.error->name != "org.bluez.Error.InProgress") {
-             TQLog("bluez: scanning refused: %s %s", r.error->name.c_str(), r.error->message.c_str());
-           }
-         });
+         if (then) then(reply);
        });
+}
+
+// One StartDiscovery or StopDiscovery at a time: a start sent while bluetoothd still ends
+// the session gets InProgress, and the session then ends all the same.
+void BluezCentral::discover() {
+  if (discovery_ == Discovery::Starting || discovery_ == Discovery::Stopping) return;  // the reply looks again
+  const auto adapter = adapter_;
+  const auto epoch = discoveryEpoch_;
+  auto settled = [weak = weak_from_this(), epoch](Discovery now) {
+    return [weak, epoch, now](const BusReply& reply) {
+      auto self = weak.lock();
+      if (!self || self->discoveryEpoch_ != epoch) return;
+      // InProgress at a start: this connection's session is running already.
+      const bool ok = !reply.error || (now == Discovery::On && reply.error->name == "org.bluez.Error.InProgress");
+      if (!ok && now == Discovery::On) {
+        TQLog("bluez: scanning refused: %s %s", reply.error->name.c_str(), reply.error->message.c_str());
+        self->discovery_ = Discovery::Off;
+        return;
+      }
+      // A refused stop (NotReady, "No discovery started") leaves no session either.
+      self->discovery_ = ok ? now : Discovery::Off;
+      self->discover();
+    };
+  };
+  if (scanning_ && discovery_ == Discovery::Off) {
+    discovery_ = Discovery::Starting;
+    setDiscoveryFilter(adapter, [this, adapter, next = settled(Discovery::On), weak = weak_from_this()](const BusReply&) {
+      if (weak.lock()) call(adapter, kAdapterInterface, "StartDiscovery", {}, kCallTimeout, "", next);
+    });
+  } else if (!scanning_ && discovery_ == Discovery::On) {
+    discovery_ = Discovery::Stopping;
+    call(adapter, kAdapterInterface, "StopDiscovery", {}, kCallTimeout, "", settled(Discovery::Off));
+  }
+}
+
+/// bluetoothd ended every session (power-off, adapter or daemon gone): replies still on their way are dropped.
+void BluezCentral::forgetDiscovery() {
+  scanning_ = false;
+  discovery_ = Discovery::Off;
+  ++discoveryEpoch_;
 }
 
 void BluezCentral::heard(const std::string& path) {
@@ -424,8 +462,7 @@ void BluezCentral::stopScan() {
   if (!scanning_) return;
   // Cleared first: reports already on their way are dropped.
   scanning_ = false;
-  // NotReady (powered off) and "No discovery started" need nothing more.
-  call(adapter_, kAdapterInterface, "StopDiscovery", {}, kCallTimeout);
+  discover();
 }
 
 // ---- Links ---------------------------------------------------------------------------
@@ -477,7 +514,7 @@ void BluezCentral::closeAtExit(const std::string& devicePath, bool close) {
 }
 
 void BluezCentral::loseLinks() {
-  scanning_ = false;
+  forgetDiscovery();
   for (auto& [path, peripheral] : peripherals_) {
     if (peripheral->link() != BluezPeripheral::Link::Disconnected) {
       loseLink(*peripheral, TQError{kLinkLost, kConnectionTimeoutCode, {}});

@@ -190,6 +190,9 @@ class BluezCentral final : public ble::CentralManager, public std::enable_shared
   void adapterGone();
   void setState(std::int64_t state);
   void heard(const std::string& path);
+  void setDiscoveryFilter(const std::string& adapter, Bus::ReplyHandler then);
+  void discover();
+  void forgetDiscovery();
   std::shared_ptr<BluezPeripheral> peripheralAt(const std::string& path);
   std::shared_ptr<BluezPeripheral> knownPeripheral(const std::string& path) const;
   std::shared_ptr<BluezPeripheral> owningPeripheral(const std::string& path) const;
@@ -201,7 +204,10 @@ class BluezCentral final : public ble::CentralManager, public std::enable_shared
   std::uint64_t generation_ = 0;  // counts tree reads: a late reply of an older one is dropped
   std::int64_t state_ = ble::CentralManagerStateUnknown;
   std::string adapter_;
-  bool scanning_ = false;
+  bool scanning_ = false;  // what the application asked for
+  // bluetoothd's discovery session for this connection, as its replies tell.
+  enum class Discovery { Off, Starting, On, Stopping } discovery_ = Discovery::Off;
+  std::uint64_t discoveryEpoch_ = 0;
   std::vector<ble::UUID> filter_;
   std::map<std::string, std::shared_ptr<BluezPeripheral>> peripherals_;
 };
