@@ -57,6 +57,7 @@ struct FakeBluez::Device {
   std::optional<BusCall> pendingConnect;
   std::uint64_t link = 0;
   std::set<std::string> notifiers;
+  bool disconnecting = false;
 };
 
 FakeBluez::FakeBluez() {
@@ -264,6 +265,7 @@ void FakeBluez::exportDevice(Device& d) {
       return call.reply();
     }
     if (!d->connected) return fail(call, "NotConnected", "Not Connected");
+    if (d->disconnecting) return call.reply();  // it goes in its own time
     disconnect(*d);
     call.reply();
   });
@@ -311,6 +313,8 @@ void FakeBluez::exportGatt(Device& d, bool charger) {
       Device* d = deviceAt(path);
       calls_.push_back("StartNotify " + uuid);
       if (!d || raw != d->notify) return fail(call, "NotSupported", "Operation is not supported");
+      if (d->faults.startNotifyError) return call.fail(d->faults.startNotifyError->name, d->faults.startNotifyError->message);
+      if (d->disconnecting) return fail(call, "Failed", "Device is disconnecting");
       if (d->notifiers.insert(call.sender()).second && d->notifiers.size() == 1) raw->set(kChrcI, "Notifying", BusValue(true));
       call.reply();
     });
@@ -459,6 +463,18 @@ void FakeBluez::leave() {
   }
   root_.reset();
   bus_.reset();  // the name goes with the connection
+}
+
+void FakeBluez::leaveDyingLink(const std::shared_ptr<sim::VirtualPost>& post, std::chrono::milliseconds delay) {
+  Device& d = deviceOf(post);
+  d.connected = d.disconnecting = true;
+  d.object->set(kDeviceI, "Connected", BusValue(true));
+  MainQueue::main().asyncAfter(delay, [this, alive = std::weak_ptr<bool>(alive_), path = d.path] {
+    Device* d = alive.lock() ? deviceAt(path) : nullptr;
+    if (!d || !d->disconnecting) return;
+    d->disconnecting = false;
+    disconnect(*d);
+  });
 }
 
 }  // namespace tqble::test

@@ -8,6 +8,7 @@
 // signal per notification even for equal pieces, GATT objects kept across links,
 // devices only while discovering and removed at power-off, its error names.
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <optional>
@@ -26,6 +27,7 @@ struct BluezFaults {
   std::optional<bluez::BusError> connectError;  ///< Connect fails with it
   bool connectHangs = false;                   ///< Connect answers only when cancelled
   bool lateChargerService = false;             ///< FFF0 exported after ServicesResolved
+  std::optional<bluez::BusError> startNotifyError;  ///< StartNotify fails with it
 };
 
 class FakeBluez {
@@ -65,6 +67,10 @@ class FakeBluez {
 
   struct Device;
   struct Adapter;
+
+  /// A link of an earlier client to `post` that bluetoothd closes only after `delay`
+  /// (Connected stays true, notifications are refused until then).
+  void leaveDyingLink(const std::shared_ptr<sim::VirtualPost>& post, std::chrono::milliseconds delay);
 
  private:
   void own();

@@ -16,6 +16,9 @@ using namespace std::chrono_literals;
 constexpr auto kConnectTimeout = 35s;
 // How long bluetoothd may stay away before its absence counts as no Bluetooth at all.
 constexpr auto kResettingLimit = 5s;
+// How long a link found up when connecting may take to go down (bluetoothd keeps one
+// about 2 s after its client asked to disconnect).
+constexpr auto kDyingLinkWait = 4s;
 // How often a lost system bus is looked for again.
 constexpr auto kBusRetry = 500ms;
 // How long a vanished adapter counts as resetting before the next one is chosen.
@@ -331,6 +334,7 @@ void BluezCentral::propertiesChanged(const std::string& path, const std::string&
     if (!p) return;
     if (const auto* c = changed.contains("Connected") ? changed.at("Connected").as<bool>() : nullptr; c && !*c) {
       if (p->link() == BluezPeripheral::Link::Connected) loseLink(*p, TQError{kLinkLost, kConnectionTimeoutCode, {}});
+      if (auto it = linkEndAwaited_.find(path); it != linkEndAwaited_.end()) sendConnect(p, it->second);
     }
     if (const auto* r = changed.contains("ServicesResolved") ? changed.at("ServicesResolved").as<bool>() : nullptr; r && *r) {
       p->servicesResolved();
@@ -473,6 +477,26 @@ void BluezCentral::connectPeripheral(const std::shared_ptr<ble::Peripheral>& per
   if (p->link() != BluezPeripheral::Link::Disconnected) return;
   p->beginConnecting();
   const auto attempt = p->linkNumber();
+  if (tree_.flag(p->path(), kDeviceInterface, "Connected")) {
+    // A link we did not make: an earlier process's, which bluetoothd may still be closing
+    // (it then refuses notifications). It is closed, its end awaited within limits, and
+    // a fresh link made.
+    linkEndAwaited_[p->path()] = attempt;
+    call(p->path(), kDeviceInterface, "Disconnect", {}, kCallTimeout);
+    MainQueue::main().asyncAfter(kDyingLinkWait, [weak = weak_from_this(), p, attempt] {
+      if (auto self = weak.lock()) self->sendConnect(p, attempt);
+    });
+    return;
+  }
+  sendConnect(p, attempt);
+}
+
+void BluezCentral::sendConnect(const std::shared_ptr<BluezPeripheral>& p, std::uint64_t attempt) {
+  if (p->linkNumber() != attempt || p->link() != BluezPeripheral::Link::Connecting) return;
+  if (auto it = linkEndAwaited_.find(p->path()); it != linkEndAwaited_.end()) {
+    if (it->second != attempt) return;
+    linkEndAwaited_.erase(it);
+  }
   call(p->path(), kDeviceInterface, "Connect", {}, kConnectTimeout, "",
        [weak = weak_from_this(), p, attempt](const BusReply& reply) {
          auto self = weak.lock();

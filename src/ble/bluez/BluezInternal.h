@@ -179,6 +179,7 @@ class BluezCentral final : public ble::CentralManager, public std::enable_shared
  private:
   std::shared_ptr<ble::CentralManagerDelegate> liveDelegate() const { return delegate_.lock(); }
   void busLost();
+  void sendConnect(const std::shared_ptr<BluezPeripheral>& p, std::uint64_t attempt);
   void sync();
   void synced(const BusReply& reply, std::uint64_t generation);
   void ownerChanged(const std::string& newOwner);
@@ -210,6 +211,7 @@ class BluezCentral final : public ble::CentralManager, public std::enable_shared
   std::uint64_t discoveryEpoch_ = 0;
   std::vector<ble::UUID> filter_;
   std::map<std::string, std::shared_ptr<BluezPeripheral>> peripherals_;
+  std::map<std::string, std::uint64_t> linkEndAwaited_;  // device → connection attempt
 };
 
 /// Makes a BlueZ central for `delegate`; its first state report arrives asynchronously.
