@@ -169,11 +169,16 @@ void BluezCentral::start() {
         on([](BluezCentral& self, const BusSignal& s) {
           self.interfacesRemoved(*s.args[0].as<std::string>(), texts(&s.args[1]));
         })));
-    subscriptions_.push_back(bus_->subscribe(
+    subscriptions_.push_back(bus_->subscribeProperties(
         fromBlueZ + "interface='org.freedesktop.DBus.Properties',member='PropertiesChanged',path_namespace='/org/bluez'",
-        "sa{sv}as", on([](BluezCentral& self, const BusSignal& s) {
+        kCharacteristicInterface, on([](BluezCentral& self, const BusSignal& s) {
           self.propertiesChanged(s.path, *s.args[0].as<std::string>(), *s.args[1].as<BusDict>(), texts(&s.args[2]));
-        })));
+        }),
+        [weak](const std::string& path, const Bytes& value) {
+          // A notification or a read's echo: the tree keeps the value it was exported with.
+          auto self = weak.lock();
+          if (auto p = self ? self->owningPeripheral(path) : nullptr) p->valueChanged(path, value);
+        }));
     subscriptions_.push_back(bus_->subscribe(
         "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',member='NameOwnerChanged',"
         "arg0='org.bluez'",

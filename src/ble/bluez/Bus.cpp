@@ -3,6 +3,10 @@
 // services and signal subscriptions. Everything it hands over runs on the main queue.
 #include "BusWire.h"
 
+#include <systemd/sd-bus.h>
+
+#include <cstring>
+
 #include <algorithm>
 #include <atomic>
 #include <mutex>
@@ -270,12 +274,50 @@ BusList readAll(sdbus::Message& m, std::string_view sig) {
 }
 
 namespace {
+
 // The inbox of the connection being read on this thread, if any.
-thread_local std::vector<MainQueue::Task>* tInbox = nullptr;
+thread_local std::vector<Delivery>* tInbox = nullptr;
+
+// sdbus-c++ 1.2 keeps its sd-bus message to itself; a class derived from it may name it.
+struct RawMessage : sdbus::Message {
+  static sd_bus_message* of(const sdbus::Message& m) {
+    return static_cast<sd_bus_message*>(m.*(&RawMessage::msg_));
+  }
+};
+
+// Reads a PropertiesChanged that changes nothing but `Value` (ay) of `interface` straight
+// into `buffer`: one array read, no value tree. False (and nothing taken) for any other.
+bool takeValue(sdbus::Message& m, const std::string& interface, const std::shared_ptr<ValueBuffer>& buffer) {
+  sd_bus_message* raw = RawMessage::of(m);
+  const char* text = nullptr;
+  const void* data = nullptr;
+  std::size_t size = 0;
+  const bool value = sd_bus_message_read_basic(raw, 's', &text) > 0 && interface == text &&
+                     sd_bus_message_enter_container(raw, 'a', "{sv}") > 0 &&
+                     sd_bus_message_enter_container(raw, 'e', "sv") > 0 &&
+                     sd_bus_message_read_basic(raw, 's', &text) > 0 && std::strcmp(text, "Value") == 0 &&
+                     sd_bus_message_enter_container(raw, 'v', "ay") > 0 &&
+                     sd_bus_message_read_array(raw, 'y', &data, &size) >= 0 && sd_bus_message_exit_container(raw) >= 0 &&
+                     sd_bus_message_exit_container(raw) >= 0 && sd_bus_message_at_end(raw, 0) > 0;
+  if (!value || !tInbox) {
+    sd_bus_message_rewind(raw, 1);
+    return false;
+  }
+  auto& b = *buffer;
+  if (b.used == b.items.size()) b.items.emplace_back();
+  auto& [path, bytes] = b.items[b.used++];
+  path.assign(sd_bus_message_get_path(raw));
+  const auto* first = static_cast<const std::uint8_t*>(data);
+  bytes.assign(first, first + size);
+  if (!tInbox->empty() && tInbox->back().key == &b) ++tInbox->back().count;
+  else tInbox->push_back(Delivery{{}, buffer, &b, 1});
+  return true;
+}
+
 }  // namespace
 
 void post(MainQueue::Task task) {
-  if (tInbox) tInbox->push_back(std::move(task));
+  if (tInbox) tInbox->push_back(Delivery{std::move(task), {}, nullptr, 0});
   else MainQueue::main().async(std::move(task));
 }
 
@@ -295,7 +337,7 @@ void Bus::Impl::dispatch() {
     closed = true;
     MainQueue::main().unwatch(watcher);
     for (const auto& weak : lossHandlers) {
-      if (auto handler = weak.lock()) inbox.push_back([weak] { if (auto h = weak.lock()) (*h)(); });
+      if (auto handler = weak.lock()) post([weak] { if (auto h = weak.lock()) (*h)(); });
     }
   }
   tInbox = outer;
@@ -306,22 +348,40 @@ void Bus::Impl::drain() {
   struct Rest {
     Impl& impl;
     ~Rest() {
-      if (impl.next == impl.inbox.size()) {
-        impl.inbox.clear();
-        impl.next = 0;
-        return;
-      }
+      auto& inbox = impl.inbox;
       // A task threw: the others of this wake-up still run, in order, after it.
-      std::vector<MainQueue::Task> rest(std::make_move_iterator(impl.inbox.begin() + static_cast<std::ptrdiff_t>(impl.next)),
-                                        std::make_move_iterator(impl.inbox.end()));
-      impl.inbox.clear();
+      for (; impl.next < inbox.size(); ++impl.next) {
+        auto& d = inbox[impl.next];
+        if (d.task) {
+          MainQueue::main().async(std::move(d.task));
+        } else if (auto b = d.values.lock()) {
+          std::vector<std::pair<std::string, Bytes>> left(b->items.begin() + static_cast<std::ptrdiff_t>(b->next),
+                                                          b->items.begin() + static_cast<std::ptrdiff_t>(b->next + d.count));
+          b->next += d.count;
+          if (b->next == b->used) b->next = b->used = 0;
+          MainQueue::main().async([b, left = std::move(left)] {
+            for (const auto& [path, bytes] : left) b->handler(path, bytes);
+          });
+        }
+      }
+      inbox.clear();
       impl.next = 0;
-      for (auto& task : rest) MainQueue::main().async(std::move(task));
     }
   } rest{*this};
   while (next < inbox.size()) {
-    auto task = std::move(inbox[next++]);
-    task();
+    if (inbox[next].task) {
+      auto task = std::move(inbox[next++].task);
+      task();
+      continue;
+    }
+    auto b = inbox[next].values.lock();
+    while (b && inbox[next].count > 0) {
+      --inbox[next].count;
+      const auto& [path, bytes] = b->items[b->next++];
+      if (b->next == b->used) b->next = b->used = 0;  // the slot stays readable until reused
+      b->handler(path, bytes);
+    }
+    ++next;
   }
 }
 
@@ -469,6 +529,40 @@ BusSubscription Bus::subscribe(const std::string& rule, const std::string& signa
         signal.args = readAll(m, signature);
       } catch (const std::exception&) {
         return;  // not the shape subscribed to
+      }
+      post([weak, signal = std::move(signal)] {
+        if (auto s = weak.lock()) s->handler(signal);
+      });
+    });
+  } catch (const sdbus::Error& e) {
+    throw BusFailure("match rule refused: " + e.getMessage(), e.getName());
+  }
+  return BusSubscription(state);
+}
+
+BusSubscription Bus::subscribeProperties(const std::string& rule, const std::string& interface, SignalHandler handler,
+                                         ValueHandler onValue) {
+  if (closed() || !impl_->connection) return {};
+  struct State {
+    std::shared_ptr<sdbus::IConnection> connection;  // outlives `slot`
+    SignalHandler handler;
+    std::shared_ptr<ValueBuffer> values = std::make_shared<ValueBuffer>();
+    sdbus::Slot slot;
+  };
+  auto state = std::make_shared<State>();
+  state->connection = impl_->connection;
+  state->handler = std::move(handler);
+  state->values->handler = std::move(onValue);
+  std::weak_ptr<State> weak = state;
+  try {
+    state->slot = impl_->connection->addMatch(rule, [weak, interface](sdbus::Message& m) {
+      auto s = weak.lock();
+      if (!s || takeValue(m, interface, s->values)) return;
+      BusSignal signal{m.getSender(), m.getPath(), m.getInterfaceName(), m.getMemberName(), {}};
+      try {
+        signal.args = readAll(m, "sa{sv}as");
+      } catch (const std::exception&) {
+        return;  // not a PropertiesChanged
       }
       post([weak, signal = std::move(signal)] {
         if (auto s = weak.lock()) s->handler(signal);

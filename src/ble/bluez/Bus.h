@@ -133,6 +133,8 @@ class Bus : public std::enable_shared_from_this<Bus> {
  public:
   using ReplyHandler = std::function<void(const BusReply& reply)>;
   using SignalHandler = std::function<void(const BusSignal& signal)>;
+  /// The new `Value` bytes of the object at `path` (a characteristic's notification).
+  using ValueHandler = std::function<void(const std::string& path, const Bytes& value)>;
 
   struct Impl;
   explicit Bus(std::unique_ptr<Impl> impl);
@@ -177,6 +179,13 @@ class Bus : public std::enable_shared_from_this<Bus> {
   /// @throws BusFailure when the rule is refused.
   [[nodiscard]] BusSubscription subscribe(const std::string& rule, const std::string& signature,
                                           SignalHandler handler);
+
+  /// As subscribe() with signature "sa{sv}as" for PropertiesChanged signals, except that a
+  /// change of nothing but the byte array `Value` of `interface` is read straight into bytes,
+  /// without allocating, and given to `onValue` (in order with the other signals).
+  /// @throws BusFailure when the rule is refused.
+  [[nodiscard]] BusSubscription subscribeProperties(const std::string& rule, const std::string& interface,
+                                                    SignalHandler handler, ValueHandler onValue);
 
   /// Takes a well-known name. @throws BusFailure when it is refused.
   void requestName(const std::string& name);

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -21,6 +22,22 @@
 
 namespace tqble::bluez {
 namespace wire {
+
+/// The values one subscribeProperties() subscription read, kept with their storage from
+/// wake-up to wake-up: a steady stream of notifications allocates nothing.
+struct ValueBuffer {
+  Bus::ValueHandler handler;
+  std::deque<std::pair<std::string, Bytes>> items;  // slots [0, used) hold values not yet delivered
+  std::size_t used = 0, next = 0;
+};
+
+/// One hand-over of a wake-up, in arrival order: a task, or the next `count` values of a buffer.
+struct Delivery {
+  MainQueue::Task task;
+  std::weak_ptr<ValueBuffer> values;
+  const ValueBuffer* key = nullptr;
+  std::size_t count = 0;
+};
 
 /// Throws BusFailure(InvalidArgs) for a value that does not fit `signature`.
 [[noreturn]] void misfit(std::string_view signature);
@@ -45,7 +62,7 @@ struct Bus::Impl {
   bool lost = false;
   std::uint64_t watcher = 0;  // the main queue's watch of the connection
   // What the messages of one wake-up hand over, run in order once they are all read.
-  std::vector<MainQueue::Task> inbox;
+  std::vector<wire::Delivery> inbox;
   std::size_t next = 0;
   std::vector<std::weak_ptr<std::function<void()>>> lossHandlers;
   std::mutex mutex;  // proxies and calls left for closing, used from any thread
