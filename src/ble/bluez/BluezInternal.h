@@ -68,7 +68,8 @@ class BluezCharacteristic final : public ble::Characteristic {
   Bytes value() const override { return value_; }
   std::shared_ptr<ble::Service> service() const override;
   const std::string& path() const { return path_; }
-  void setValue(Bytes value) { value_ = std::move(value); }
+  /// Keeps the storage: a stream of notifications of one size allocates nothing.
+  void setValue(const Bytes& value) { value_.assign(value.begin(), value.end()); }
 
  private:
   std::string path_;
