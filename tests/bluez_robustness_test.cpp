@@ -64,5 +64,14 @@ TEST_F(BluezSession, AConnectionToALinkGoingDownAwaitsItsEndAndConnectsAfresh) {
   EXPECT_TRUE(fake->connected(post));
 }
 
+TEST_F(BluezSession, ANeighbourWhoseNameTheBusLibraryRefusesHidesNoPost) {
+  fake->addNeighbour("C0:FF:EE:00:00:09", {'T', 'Q', 0xEF, 0xBF, 0xBF, 0xEF, 0xB7, 0x90});  // U+FFFF, U+FDD0
+  makeCentral();
+  EXPECT_EQ(recorder->states, std::vector<std::int64_t>{CentralManagerStatePoweredOn});
+  auto [write, read] = link();
+  peripheral()->readValueForCharacteristic(read);
+  EXPECT_TRUE(runUntil([&] { return heard("update FFF4 00"); }));
+}
+
 }  // namespace
 }  // namespace tqble::test

@@ -477,4 +477,16 @@ void FakeBluez::leaveDyingLink(const std::shared_ptr<sim::VirtualPost>& post, st
   });
 }
 
+void FakeBluez::addNeighbour(const std::string& address, const Bytes& name) {
+  sim::PostSetup setup;
+  setup.identifier = address;
+  auto o = bus_->exportObject(pathOf(setup));
+  o->addProperty(kDeviceI, "Address", BusValue(address));
+  o->addProperty(kDeviceI, "Name", BusValue("s", name));
+  o->addProperty(kDeviceI, "Adapter", BusValue::path("/org/bluez/hci0"));
+  o->finish();
+  o->emitAdded();
+  neighbours_.push_back(std::move(o));
+}
+
 }  // namespace tqble::test

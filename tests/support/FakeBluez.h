@@ -71,6 +71,8 @@ class FakeBluez {
   /// A link of an earlier client to `post` that bluetoothd closes only after `delay`
   /// (Connected stays true, notifications are refused until then).
   void leaveDyingLink(const std::shared_ptr<sim::VirtualPost>& post, std::chrono::milliseconds delay);
+  /// A device heard before, kept by bluetoothd, whose name is `name` as it is (maybe no valid text).
+  void addNeighbour(const std::string& address, const Bytes& name);
 
  private:
   void own();
@@ -89,6 +91,7 @@ class FakeBluez {
   std::vector<std::unique_ptr<Device>> devices_;
   std::vector<std::string> calls_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+  std::vector<std::unique_ptr<bluez::BusObject>> neighbours_;
 };
 
 }  // namespace tqble::test

@@ -234,6 +234,15 @@ void BluezCentral::sync() {
 
 void BluezCentral::synced(const BusReply& reply, std::uint64_t generation) {
   if (generation != generation_) return;
+  if (reply.error && reply.error->name == kUnreadable) {
+    // One object sd-bus will not read (a neighbour's name that is no valid text) spoils
+    // the whole reply: the tree is read object by object, leaving that one out.
+    TQLog("bluez: bluetoothd's objects read one by one: %s", reply.error->message.c_str());
+    tree_.clear();
+    objectReads_ = 0;
+    readObject("/", generation);
+    return;
+  }
   if (reply.error) {
     // No bluetoothd on the bus, or a policy that keeps us from it.
     setState(reply.error->name == kAccessDenied ? ble::CentralManagerStateUnauthorized
@@ -243,6 +252,43 @@ void BluezCentral::synced(const BusReply& reply, std::uint64_t generation) {
   tree_.clear();
   for (const auto& [path, interfaces] : *reply.values.at(0).as<BusDict>()) tree_.add(path, interfacesOf(interfaces));
   chooseAdapter();
+}
+
+void BluezCentral::readObject(const std::string& path, std::uint64_t generation) {
+  ++objectReads_;
+  call(path, "org.freedesktop.DBus.Introspectable", "Introspect", {}, kCallTimeout, "s",
+       [weak = weak_from_this(), path, generation](const BusReply& reply) {
+         auto self = weak.lock();
+         if (!self || self->generation_ != generation) return;
+         const auto* xml = reply.error ? nullptr : reply.values.at(0).as<std::string>();
+         // Children are <node name="..."/>, interfaces <interface name="...">.
+         for (std::size_t at = 0; xml && (at = xml->find('<', at)) != std::string::npos; ++at) {
+           const bool node = xml->compare(at, 6, "<node ") == 0;
+           if (!node && xml->compare(at, 11, "<interface ") != 0) continue;
+           const auto open = xml->find("name=\"", at);
+           if (open == std::string::npos || open > xml->find('>', at)) continue;
+           const auto name = xml->substr(open + 6, xml->find('"', open + 6) - open - 6);
+           if (node) self->readObject(path == "/" ? "/" + name : path + "/" + name, generation);
+           else if (name.rfind("org.bluez.", 0) == 0) self->readInterface(path, name, generation);
+         }
+         self->objectRead(generation);
+       });
+}
+
+void BluezCentral::readInterface(const std::string& path, const std::string& interface, std::uint64_t generation) {
+  ++objectReads_;
+  call(path, "org.freedesktop.DBus.Properties", "GetAll", {BusValue(interface)}, kCallTimeout, "a{sv}",
+       [weak = weak_from_this(), path, interface, generation](const BusReply& reply) {
+         auto self = weak.lock();
+         if (!self || self->generation_ != generation) return;
+         if (reply.error) TQLog("bluez: %s of %s left out: %s", interface.c_str(), path.c_str(), reply.error->message.c_str());
+         else self->tree_.add(path, {{interface, *reply.values.at(0).as<BusDict>()}});
+         self->objectRead(generation);
+       });
+}
+
+void BluezCentral::objectRead(std::uint64_t generation) {
+  if (--objectReads_ == 0 && generation == generation_) chooseAdapter();
 }
 
 void BluezCentral::ownerChanged(const std::string& newOwner) {

@@ -183,6 +183,9 @@ class BluezCentral final : public ble::CentralManager, public std::enable_shared
   void sendConnect(const std::shared_ptr<BluezPeripheral>& p, std::uint64_t attempt);
   void sync();
   void synced(const BusReply& reply, std::uint64_t generation);
+  void readObject(const std::string& path, std::uint64_t generation);
+  void readInterface(const std::string& path, const std::string& interface, std::uint64_t generation);
+  void objectRead(std::uint64_t generation);
   void ownerChanged(const std::string& newOwner);
   void interfacesAdded(const std::string& path, const BusInterfaces& interfaces);
   void interfacesRemoved(const std::string& path, const std::vector<std::string>& interfaces);
@@ -213,6 +216,7 @@ class BluezCentral final : public ble::CentralManager, public std::enable_shared
   std::vector<ble::UUID> filter_;
   std::map<std::string, std::shared_ptr<BluezPeripheral>> peripherals_;
   std::map<std::string, std::uint64_t> linkEndAwaited_;  // device → connection attempt
+  std::size_t objectReads_ = 0;  // calls of an object-by-object read still unanswered
 };
 
 /// Makes a BlueZ central for `delegate`; its first state report arrives asynchronously.

@@ -12,10 +12,19 @@
 #include <mutex>
 #include <string_view>
 
+#include "tqble/platform/Log.h"
 #include "tqble/platform/MainQueue.h"
 
 namespace tqble::bluez {
 namespace wire {
+
+// sdbus-c++ 1.2 keeps its sd-bus message to itself; a class derived from it may name it.
+struct RawMessage : sdbus::Message {
+  static sd_bus_message* of(const sdbus::Message& m) {
+    return static_cast<sd_bus_message*>(m.*(&RawMessage::msg_));
+  }
+};
+
 
 [[noreturn]] void misfit(std::string_view signature) {
   throw BusFailure("value does not fit the D-Bus signature '" + std::string(signature) + "'",
@@ -93,7 +102,17 @@ void write(sdbus::Message& m, const BusValue& v, std::string_view sig) {
       else m << static_cast<double>(needInt(v, sig));
       return;
     }
-    case 's': m << need<std::string>(v, sig); return;
+    case 's': {
+      if (const auto* bytes = v.as<Bytes>()) {
+        // Text given as bytes goes out as it is, unchecked: what a misbehaving peer may send.
+        char* space = nullptr;
+        if (sd_bus_message_append_string_space(RawMessage::of(m), bytes->size(), &space) < 0) misfit(sig);
+        std::copy(bytes->begin(), bytes->end(), space);
+        return;
+      }
+      m << need<std::string>(v, sig);
+      return;
+    }
     case 'o': m << sdbus::ObjectPath(need<std::string>(v, sig)); return;
     case 'g': m << sdbus::Signature(need<std::string>(v, sig)); return;
     case 'a': {
@@ -278,13 +297,6 @@ namespace {
 // The inbox of the connection being read on this thread, if any.
 thread_local std::vector<Delivery>* tInbox = nullptr;
 
-// sdbus-c++ 1.2 keeps its sd-bus message to itself; a class derived from it may name it.
-struct RawMessage : sdbus::Message {
-  static sd_bus_message* of(const sdbus::Message& m) {
-    return static_cast<sd_bus_message*>(m.*(&RawMessage::msg_));
-  }
-};
-
 // Reads a PropertiesChanged that changes nothing but `Value` (ay) of `interface` straight
 // into `buffer`: one array read, no value tree. False (and nothing taken) for any other.
 bool takeValue(sdbus::Message& m, const std::string& interface, const std::shared_ptr<ValueBuffer>& buffer) {
@@ -315,6 +327,15 @@ bool takeValue(sdbus::Message& m, const std::string& interface, const std::share
 }
 
 }  // namespace
+
+// A signal that cannot be read costs only itself; the first of a kind is logged.
+void refused(const BusSignal& signal, const std::exception& e) {
+  static thread_local std::string last;
+  if (last == signal.interface + signal.member) return;
+  last = signal.interface + signal.member;
+  TQLog("bus: a %s.%s signal of %s is left out: %s", signal.interface.c_str(), signal.member.c_str(),
+        signal.path.c_str(), e.what());
+}
 
 void post(MainQueue::Task task) {
   if (tInbox) tInbox->push_back(Delivery{std::move(task), {}, nullptr, 0});
@@ -484,7 +505,8 @@ void Bus::call(const std::string& service, const std::string& path, const std::s
       try {
         out.values = readAll(reply, replySignature);
       } catch (const std::exception& e) {
-        out.error = BusError{"org.freedesktop.DBus.Error.InvalidSignature", e.what()};
+        // Not the values expected, or ones sd-bus will not read (a text that is no valid UTF-8).
+        out.error = BusError{kUnreadable, e.what()};
       }
     }
     post([onReply, out = std::move(out)] { onReply(out); });
@@ -527,8 +549,9 @@ BusSubscription Bus::subscribe(const std::string& rule, const std::string& signa
       BusSignal signal{m.getSender(), m.getPath(), m.getInterfaceName(), m.getMemberName(), {}};
       try {
         signal.args = readAll(m, signature);
-      } catch (const std::exception&) {
-        return;  // not the shape subscribed to
+      } catch (const std::exception& e) {
+        refused(signal, e);  // not the shape subscribed to
+        return;
       }
       post([weak, signal = std::move(signal)] {
         if (auto s = weak.lock()) s->handler(signal);
@@ -561,8 +584,9 @@ BusSubscription Bus::subscribeProperties(const std::string& rule, const std::str
       BusSignal signal{m.getSender(), m.getPath(), m.getInterfaceName(), m.getMemberName(), {}};
       try {
         signal.args = readAll(m, "sa{sv}as");
-      } catch (const std::exception&) {
-        return;  // not a PropertiesChanged
+      } catch (const std::exception& e) {
+        refused(signal, e);
+        return;
       }
       post([weak, signal = std::move(signal)] {
         if (auto s = weak.lock()) s->handler(signal);

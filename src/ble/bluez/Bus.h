@@ -48,6 +48,7 @@ class BusValue {
   BusValue(std::vector<std::string> v) : signature_("as"), data_(std::move(v)) {}
   BusValue(BusDict v) : signature_("a{sv}"), data_(std::move(v)) {}
   /// Any value with an explicit signature ("o" for a path, "n" for int16, "a{qv}", ...).
+  /// A text ("s") given as Bytes is sent unchecked, as it is.
   BusValue(std::string signature, Data data) : signature_(std::move(signature)), data_(std::move(data)) {}
 
   /// `inner` wrapped in a variant, for arguments declared `v`.
@@ -86,6 +87,9 @@ struct BusError {
   std::string message;
   bool operator==(const BusError&) const = default;
 };
+
+/// The error of a reply whose values could not be read as asked (or at all).
+inline constexpr char kUnreadable[] = "org.freedesktop.DBus.Error.InvalidSignature";
 
 /// The outcome of a method call: its values, or an error.
 struct BusReply {
