@@ -28,11 +28,12 @@ inline const std::string& usePrivateSystemBus(const std::string& extraPolicy = "
       const std::string file = std::string(dir) + "/bus.conf";
       FILE* f = std::fopen(file.c_str(), "w");
       if (!f) throw std::runtime_error("cannot write " + file);
-      std::fprintf(f,
-                   "<busconfig><type>session</type><listen>unix:dir=%s</listen><policy context=\"default\">"
-                   "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
-                   "<allow own=\"*\"/>%s</policy></busconfig>\n",
-                   dir, extraPolicy.c_str());
+      std::fprintf(
+          f,
+          "<busconfig><type>session</type><listen>unix:dir=%s</listen><policy context=\"default\">"
+          "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
+          "<allow own=\"*\"/>%s</policy></busconfig>\n",
+          dir, extraPolicy.c_str());
       std::fclose(f);
       config = "--config-file=" + file;
     }
