@@ -68,16 +68,18 @@ modprobe -a af_alg algif_hash algif_skcipher cmac ecb bluetooth hci_vhci || { sa
 step "modules loaded"
 dbus-daemon --system --fork --nopidfile || { say "bring-up failed: system bus"; finish; }
 btvirt -h >/dev/null 2>&1   # warms the page cache, for the same reason
+reset_failed="dmesg | grep -q 'Opcode 0x0c03 failed'"   # a controller's reset timed out
+set_up="btmgmt info 2>/dev/null | grep -c '^hci[0-9]*:'"  # controllers set up, as mgmt lists them
 controllers=0
 for attempt in 1 2 3; do
   btvirt -L -l2 >$WORK/btvirt.log 2>&1 &
   btvirt=$!
-  wait_for 50 sh -c '[ "$(ls /sys/class/bluetooth 2>/dev/null | wc -w)" -ge 2 ]'
-  sleep 2.5
-  if dmesg | grep -q 'Opcode 0x0c03 failed'; then   # a controller's reset timed out: start over
-    kill $btvirt; wait $btvirt 2>/dev/null; dmesg -C; sleep 1
+  wait_for 200 sh -c "$reset_failed || [ \$($set_up) -ge 2 ]"
+  if sh -c "$reset_failed"; then   # start over
+    kill $btvirt; wait $btvirt 2>/dev/null; dmesg -C
+    wait_for 50 sh -c '[ -z "$(ls /sys/class/bluetooth)" ]'
   else
-    controllers=$(ls /sys/class/bluetooth | wc -w); break
+    controllers=$(sh -c "$set_up"); break
   fi
 done
 [ "$controllers" -ge 2 ] || { say "bring-up failed: $controllers controllers after $attempt btvirt starts"; finish; }
