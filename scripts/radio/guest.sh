@@ -128,5 +128,6 @@ for s in $("$BUILD/tests/radio/tqble_radio" --list); do
   fi
 done
 scans=$(cat $WORK/scenario-*.log | grep -c '^  scan: heard'); missed=$(cat $WORK/scenario-*.log | grep -c '^  scan: missed')
-say "summary: $passed passed, $failed failed; scans: $scans heard, $missed missed"
+links=$(cat $WORK/scenario-*.log | grep -c '^  link: ready')
+say "summary: $passed passed, $failed failed; scans: $scans heard, $missed missed; links: $links found and ready"
 finish

@@ -53,63 +53,76 @@ void radioControl(const std::string& action) {
          "'" + action + "' failed");
 }
 
-// The application: the manager with the tests' delegate recorder, and the steps scenarios take.
+// The application: the manager with the tests' delegate recorder, the client on top (which
+// forwards every delegate call to the recorder), and the steps scenarios take.
 struct App {
-  App() {
-    setLogSink([this](std::string_view line) { log.emplace_back(line); });
-    r.attach(manager);
-  }
-
   // Scans until the post is heard or `window` has passed; says which.
-  bool scan(MainQueue::Duration window = 20s, bool mustHear = true) {
+  bool scan(MainQueue::Duration window) {
     waitFor(
         [this] {
           return !r.states.empty() && r.states.back() == ble::CentralManagerStatePoweredOn;
         },
         10s, "powered-on adapter");
     const auto start = Clock::now();
-    post = nullptr;
+    bool heard = false;
     r.discoveries.clear();
     manager.scanForPeripherals();
     MainQueue::main().runUntil(
-        [this] {
-          for (const auto& [p, rssi] : r.discoveries)
-            if (p->name() == kPostName) post = p;
-          return post != nullptr;
+        [&] {
+          for (const auto& [p, rssi] : r.discoveries) heard = heard || p->name() == kPostName;
+          return heard;
         },
         window);
     manager.stopScan();
-    std::printf("  scan: %s\n", post ? ("heard after " + seconds(start)).c_str() : "missed");
-    expect(post || !mustHear, "no advertisement of the post");
-    return post != nullptr;
+    std::printf("  scan: %s\n", heard ? ("heard after " + seconds(start)).c_str() : "missed");
+    return heard;
   }
 
-  // Connects, waits for both characteristics and the query the manager sends by itself 3 s
-  // later (a command issued before its answer would have that answer dispatched as its own).
-  std::string connect() {
+  // Finds the post and connects (or connects to `again`); returns once the link is ready.
+  std::string connect(const ChargerClient::PeripheralPtr& again = nullptr) {
     const auto start = Clock::now();
-    r.connects = 0, r.failures.clear(), r.tapped.clear(), r.updates.clear();
-    manager.startConnectPeripheral(post);
-    waitFor([&] { return r.connects || !r.failures.empty(); }, 40s, "connection");
-    expect(r.failures.empty(), "connection failed");
-    waitFor([&] { return manager.readCharacteristic() && !r.tapped.empty(); }, 20s,
-            "FFF4 and the automatic system information");
+    r.tapped.clear(), r.updates.clear();
+    std::optional<std::string> failed;
+    auto done = [&](const Outcome<ChargerClient::PeripheralPtr>& o) {
+      failed = o.ok() ? "" : o.error().message;
+    };
+    again ? client.connect(again, done) : client.connect(kPostName, done);
+    waitFor([&] { return failed.has_value(); }, 70s, "ready link");
+    expect(failed->empty(), "no link: " + *failed);
+    std::printf("  link: ready after %s\n", seconds(start).c_str());
     return seconds(start);
   }
 
-  // The charger state, asked on the manager: one whole answer, every piece delivered.
-  void askState() {
-    const CommandRow& row = test::commandRow("queryChargerStateWithError");
-    const auto updates = r.updates.size() + row.notifications;
-    r.tapped.clear();
-    row.issue(manager, nullptr);
-    waitFor([&] { return !r.tapped.empty() && r.updates.size() >= updates; }, 10s, "state");
-    expect(r.tapped.size() == 1 && r.tapped[0].second.at(1) == row.code, "not one state answer");
+  // Pieces of the answers tapped since the `from`th: one value update each.
+  std::size_t pieces(std::size_t from) const {
+    std::size_t n = 0;
+    for (auto i = from; i < r.tapped.size(); ++i)
+      n += std::find_if(std::begin(test::kCommandRows), std::end(test::kCommandRows),
+                        [&](const auto& row) { return row.tag == r.tapped[i].first; })
+               ->notifications;
+    return n;
   }
+
+  // Asks `row` through the client: its answer, and every answer meanwhile (the manager's
+  // own system query too) reached the delegate as one value update per piece.
+  void ask(const CommandRow& row) {
+    const auto taps = r.tapped.size(), updates = r.updates.size();
+    std::optional<std::optional<ClientError>> done;
+    row.ask(client, [&](const std::optional<ClientError>& e) { done = e; });
+    const std::string name = row.name;
+    waitFor([&] { return done.has_value(); }, 20s, name);
+    expect(!*done, name + ": " + (*done ? (*done)->message : ""));
+    expect(r.tapped.size() > taps && r.tapped.back().first == row.tag &&
+               r.tapped.back().second.at(1) == row.code,
+           name + ": not its answer");
+    expect(r.updates.size() - updates == pieces(taps),
+           name + ": " + std::to_string(r.updates.size() - updates) + " value updates");
+  }
+  void askState() { ask(test::commandRow("queryChargerStateWithError")); }
 
   void disconnect() {
     r.disconnects.clear();
-    manager.stopConnectPeripheral(manager.connectedPheral(), nullptr);
+    client.disconnect();
     waitFor([&] { return !r.disconnects.empty(); }, 10s, "disconnection");
     expect(!r.disconnects[0] && !manager.connectedPheral(), "a requested disconnection failed");
   }
@@ -123,10 +136,12 @@ struct App {
            "a link loss without an error, or more than one");
   }
 
+  std::vector<std::string> log;
+  bool logging = (setLogSink([this](std::string_view line) { log.emplace_back(line); }), true);
   TQBleManager& manager = *TQBleManager::shareManager();
   test::Recorder r;
-  std::shared_ptr<ble::Peripheral> post;
-  std::vector<std::string> log;
+  bool attached = (r.attach(manager), true);  // before the client takes the delegate over
+  ChargerClient client{{.connectTimeout = 60s, .requestTimeout = 10s, .reconnect = {}}};
 };
 
 // ---- Scenarios ----
@@ -138,7 +153,7 @@ std::string scan(App& app) {
       std::atoi(std::getenv("RADIO_SCAN_MS") ? std::getenv("RADIO_SCAN_MS") : "2900"));
   int heard = 0;
   for (int i = 0; i < scans; ++i) {
-    heard += app.scan(window, false);
+    heard += app.scan(window);
     radioControl("wait-idle");  // the next scan starts afresh
   }
   const std::string seen = "heard in " + std::to_string(heard) + " of " + std::to_string(scans) +
@@ -147,10 +162,10 @@ std::string scan(App& app) {
   return seen;
 }
 
-// A whole link as an ordinary user: the post's attributes as bluetoothd reports them, the
-// initial read delivered, then a second link from the daemon's cache that answers.
+// A whole link as an ordinary user: the post's attributes as bluetoothd reports them, one
+// value update for the initial read and for each piece of every answer, then a second link
+// from the daemon's cache that answers too.
 std::string link(App& app) {
-  app.scan();
   const std::string first = app.connect();
   expect(app.manager.writeCharacteristic()->uuid().UUIDString() == "FFF3" &&
              app.manager.readCharacteristic()->uuid().UUIDString() == "FFF4",
@@ -162,54 +177,37 @@ std::string link(App& app) {
   std::sort(properties.begin(), properties.end());
   expect(properties == std::vector<std::string>{"Notify", "Read", "Write", "WriteWithoutResponse"},
          std::to_string(properties.size()) + " property lines, not the four expected");
-  // One value update for the initial read and one per piece of the two answers: what the
-  // read and the first answer might have added would have come before the second's end.
   app.askState();
-  const auto pieces = 1 + test::commandRow("querySystemInfoWithError").notifications +
-                      test::commandRow("queryChargerStateWithError").notifications;
-  expect(app.r.updates.size() == pieces, std::to_string(app.r.updates.size()) + " value updates");
+  expect(app.r.updates.size() == 1 + app.pieces(0), "the initial read is not one value update");
+  const bool systemInfo = app.r.tapped.size() > 1;
+  const auto post = app.client.peripheral();
   app.disconnect();
-  const std::string second = app.connect();
+  const std::string second = app.connect(post);
   app.askState();
   app.disconnect();
   return "as uid " + std::to_string(getuid()) + ": ready in " + first + ", again (cached) in " +
-         second + ", answered";
+         second + ", answered" + (systemInfo ? "" : " (the automatic query came before FFF3)");
 }
 
 // Every row of the command table through the client, on one link.
 std::string commands(App& app) {
-  ChargerClient client(
-      ClientOptions{.connectTimeout = 60s, .requestTimeout = 10s, .reconnect = {}});
-  std::optional<std::string> linked;
-  client.connect(kPostName, [&](const auto& o) { linked = o.ok() ? "" : o.error().message; });
-  waitFor([&] { return linked && !app.r.tapped.empty(); }, 70s,
-          "client link and system information");
-  expect(linked->empty(), "the client did not connect: " + *linked);
+  app.connect();
   for (const CommandRow& row : test::kCommandRows) {
     const auto start = Clock::now();
-    app.r.clear();
-    std::optional<std::optional<ClientError>> done;
-    row.ask(client, [&](const std::optional<ClientError>& e) { done = e; });
-    const std::string name = row.name;
-    waitFor([&] { return done && app.r.updates.size() >= row.notifications; }, 15s, name);
-    expect(!*done, name + ": " + (*done ? (*done)->message : ""));
-    const auto& [tag, answer] = app.r.tapped.at(0);
+    app.ask(row);
     const auto& last = *app.r.updates.back();
-    expect(app.r.tapped.size() == 1 && tag == row.tag && answer.at(1) == row.code &&
-               app.r.updates.size() == row.notifications &&
-               (last.result ? last.result->resultType : -1) == row.resultType &&
+    expect((last.result ? last.result->resultType : -1) == row.resultType &&
                (row.check != test::rows::charging || last.chargingData->gunStatus == "正在充电中"),
-           name + ": not its answer, not in its pieces, or not its result");
-    std::printf("  %-38s %s, %zu bytes\n", row.name, seconds(start).c_str(), answer.size());
+           std::string(row.name) + ": not its result");
+    std::printf("  %-38s %s, %zu bytes\n", row.name, seconds(start).c_str(),
+                app.r.tapped.back().second.size());
   }
-  client.disconnect();
-  waitFor([&] { return !app.r.disconnects.empty(); }, 10s, "disconnection");
+  app.disconnect();
   return "all " + std::to_string(std::size(test::kCommandRows)) +
          " commands answered through the client";
 }
 
 std::string linkLoss(App& app) {
-  app.scan();
   app.connect();
   app.lose("drop-link");
   return "reported with code " + std::to_string(*app.r.disconnects[0]);
@@ -217,14 +215,12 @@ std::string linkLoss(App& app) {
 
 // The link lost to `outage`, then served again on a new one once `back` is done.
 std::string survive(App& app, const char* outage, const char* back, std::int64_t down) {
-  app.scan();
   app.connect();
   app.r.states.clear();
   app.lose(outage);
   waitFor([&] { return std::count(app.r.states.begin(), app.r.states.end(), down) > 0; }, 15s,
           "state " + std::to_string(down));
   if (*back) radioControl(back);
-  app.scan();
   app.connect();
   app.askState();
   app.disconnect();
@@ -247,9 +243,9 @@ std::string demo(App&) {
   char buffer[512];
   while (out && fgets(buffer, sizeof buffer, out)) text += buffer;
   const int status = out ? pclose(out) : -1;
-  for (const char* line :
-       {"heard TQ-RADIO-POST", "\ndone.\n",
-        "== Volume 35\n  answer   68 B2 00 00 01 00 00 DB 00\n  result   accepted\n"})
+  for (const char* line : {"heard TQ-RADIO-POST", "\ndone.\n",
+                           "== Volume 35\n  answer   68 B2 00 00 01 00 00 DB "
+                           "00\n  result   accepted\n"})
     expect(status == 0 && text.find(line) != std::string::npos,
            "exit " + std::to_string(status) + ":\n" + text);
   return "the scripted session ran to its end";
