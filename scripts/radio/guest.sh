@@ -113,10 +113,16 @@ if [ -n "$(arg radio_exp)" ]; then . "$(arg radio_exp)"; finish; fi
 
 passed=0; failed=0
 for s in $("$BUILD/tests/radio/tqble_radio" --list); do
+  # The command scenario is recorded on its own as well (run.sh keeps it in the build folder).
+  if [ "$s" = commands ]; then
+    btmon -w $WORK/commands.btsnoop >/dev/null 2>&1 & recorder=$!
+    wait_for 50 test -s $WORK/commands.btsnoop
+  fi
   t0=$(uptime_s); from=$(date +%s.%N)
   RADIO_CTL="$0 ctl" TQBLE_BACKEND=bluez TQBLE_BLUEZ_ADAPTER=hci1 \
     timeout 120 "$BUILD/tests/radio/tqble_radio" "$s" >$WORK/scenario-$s.log 2>&1
   rc=$?
+  [ "$s" = commands ] && { kill $recorder; wait $recorder 2>/dev/null; }
   took=$(echo "$(uptime_s) $t0" | awk '{printf "%.1f", $1 - $2}')
   if [ $rc -eq 0 ]; then
     passed=$((passed + 1)); say "ok    $s ($took s) $(tail -1 $WORK/scenario-$s.log)"

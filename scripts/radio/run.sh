@@ -83,6 +83,8 @@ while read -r name from to; do
   echo "radio: $name, the last of its radio traffic (all in $WORK/guest/hci-$name.txt):"
   tail -30 "$WORK/guest/hci-$name.txt" | sed 's/^/radio:   | hci/'
 done < <(cat "$WORK/guest/failed" 2>/dev/null)
+cp "$WORK/guest/commands.btsnoop" "$WORK/commands.btsnoop" 2>/dev/null \
+  && echo "radio: capture of the command scenario: $WORK/commands.btsnoop"
 echo "radio: $(( $(date +%s) - started )) s in all (logs in $WORK)"
 summary=$(grep -a '^radio: summary' "$log" | tail -1 || true)
 [ -n "$summary" ] || { echo "radio: the guest ended without a summary"; exit 1; }

@@ -1,6 +1,11 @@
 #include "tqble/platform/MainQueue.h"
 
+#include <sys/timerfd.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <system_error>
 
 namespace tqble {
 
@@ -14,6 +19,7 @@ void MainQueue::async(Task task) {
     std::lock_guard lock(mutex_);
     ready_.push_back(std::move(task));
     ++sequence_;
+    armLocked(false);
   }
   wake_.notify_all();
 }
@@ -23,6 +29,7 @@ void MainQueue::asyncAfter(Duration delay, Task task) {
     std::lock_guard lock(mutex_);
     const auto due = (virtual_ ? virtualNow_ : Clock::now()) + std::max(delay, Duration::zero());
     timers_.emplace(std::make_pair(due, sequence_++), std::move(task));
+    armLocked(false);
   }
   wake_.notify_all();
 }
@@ -41,6 +48,7 @@ void MainQueue::clear() {
   std::lock_guard lock(mutex_);
   ready_.clear();
   timers_.clear();
+  armLocked(true);
 }
 
 void MainQueue::useVirtualClock() {
@@ -57,6 +65,7 @@ void MainQueue::useVirtualClock() {
   }
   timers_.swap(moved);
   virtual_ = true;
+  armLocked(true);
 }
 
 std::pair<bool, MainQueue::Clock::time_point> MainQueue::nextTimer() const {
@@ -154,6 +163,71 @@ void MainQueue::run() {
       wake_.wait(lock, ready);
     }
   }
+}
+
+MainQueue::~MainQueue() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+int MainQueue::eventFd() {
+  std::lock_guard lock(mutex_);
+  if (fd_ < 0) {
+    fd_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "timerfd_create");
+    armLocked(true);
+  }
+  return fd_;
+}
+
+// Sets the descriptor to poll readable when the next task is due: at once for a ready
+// task (or any timer on a virtual clock), at the earliest timer's time on the real clock
+// (the steady clock is CLOCK_MONOTONIC). Unforced, it only ever moves that moment earlier.
+void MainQueue::armLocked(bool force) {
+  if (fd_ < 0) return;
+  auto when = Clock::time_point::max();
+  if (!ready_.empty() || (virtual_ && !timers_.empty())) {
+    when = Clock::time_point{};
+  } else if (!timers_.empty()) {
+    when = timers_.begin()->first.first;
+  }
+  if (!force && when >= armedFor_) return;
+  armedFor_ = when;
+  itimerspec due{};
+  if (when != Clock::time_point::max()) {
+    // An absolute time already past fires at once; zero would disarm.
+    const auto ns = std::max<std::int64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(when.time_since_epoch()).count(), 1);
+    due.it_value.tv_sec = static_cast<time_t>(ns / 1'000'000'000);
+    due.it_value.tv_nsec = static_cast<long>(ns % 1'000'000'000);
+  }
+  ::timerfd_settime(fd_, TFD_TIMER_ABSTIME, &due, nullptr);
+}
+
+std::size_t MainQueue::dispatch() {
+  if (fd_ >= 0) {
+    std::uint64_t expirations = 0;
+    while (::read(fd_, &expirations, sizeof expirations) < 0 && errno == EINTR) {
+    }
+  }
+  struct Rearm {
+    MainQueue& queue;
+    ~Rearm() {
+      std::lock_guard lock(queue.mutex_);
+      queue.armLocked(true);
+    }
+  } rearm{*this};
+  std::size_t count = runUntilIdle();
+  if (count == 0 && isVirtual()) {
+    Clock::time_point due;
+    {
+      std::lock_guard lock(mutex_);
+      auto next = nextTimer();
+      if (!next.first) return 0;
+      due = next.second;
+    }
+    while (runOneDue(due)) ++count;
+  }
+  return count;
 }
 
 void MainQueue::stop() {

@@ -6,6 +6,7 @@
 
 #include "../src/ble/sim/SimInternal.h"
 #include "support/Hex.h"
+#include "tqble/ble/UUID.h"
 #include "tqble/platform/MainQueue.h"
 
 namespace tqble::test {
@@ -25,10 +26,7 @@ constexpr std::uint16_t kMtu = 23;
 
 // bluetoothd's form: the full identifier in lower case.
 std::string full(const std::string& shortId) {
-  std::string text = "0000" + shortId + "-0000-1000-8000-00805f9b34fb";
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
+  return ble::UUID::fromString(shortId).fullString();
 }
 
 void fail(const BusCall& call, const std::string& name, const std::string& message) {
@@ -314,7 +312,7 @@ void FakeBluez::exportGatt(Device& d, bool charger) {
           if (piece.lost) continue;
           later(15ms + std::chrono::duration_cast<std::chrono::milliseconds>(piece.due),
                 [this, &d, link, piece] {
-                  if (d.link == link) notify(d.post, piece.bytes);
+                  if (d.link == link) notify(d, piece.bytes);
                 });
         }
       }
@@ -335,8 +333,7 @@ void FakeBluez::exportGatt(Device& d, bool charger) {
   characteristic("/service0010/char0011", sim::kWrite, {"write-without-response", "write"}, {});
 }
 
-void FakeBluez::notify(const std::shared_ptr<sim::VirtualPost>& post, const Bytes& value) {
-  Device& d = deviceOf(post);
+void FakeBluez::notify(Device& d, const Bytes& value) {
   // One signal per notification, equal values included.
   if (d.connected && d.notify && !d.notifiers.empty())
     d.notify->set(kChrcI, "Value", BusValue(value));

@@ -50,8 +50,6 @@ class FakeBluez {
   void dropLink(const std::shared_ptr<sim::VirtualPost>& post);
   /// Forgets a post's device object while idle, as bluetoothd does 30 s after a scan.
   void expire(const std::shared_ptr<sim::VirtualPost>& post);
-  /// Notifies `value` on FFF4 of `post` now, if a link and a notify session are up.
-  void notify(const std::shared_ptr<sim::VirtualPost>& post, const Bytes& value);
   /// Every post in range of a discovering `adapter` is heard now (as every 50 ms anyway):
   /// a new device object at the first advertisement, then an RSSI change at each.
   void advertise(const std::string& adapter = "hci0");
@@ -73,6 +71,7 @@ class FakeBluez {
   void exportDevice(Device& d);
   void connectNow(Device& d);
   void exportGatt(Device& d, bool charger);
+  void notify(Device& d, const Bytes& value);
   void disconnect(Device& d);
   void removeDevice(Device& d);
   Device& deviceOf(const std::shared_ptr<sim::VirtualPost>& post) const;

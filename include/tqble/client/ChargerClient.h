@@ -25,13 +25,17 @@
 
 namespace tqble {
 
+namespace protocol {
+class FrameAssembler;
+}
+
 /// Why a client step failed.
 enum class ClientErrorKind {
   NotConnected,   ///< no ready link (and no reconnection under way)
   WriteFailed,    ///< the manager refused the write: code 1001 or 1002
   TimedOut,       ///< no (complete) answer or link in time
   LinkLost,       ///< the link went down before the answer was complete
-  Malformed,      ///< the answer could not be decoded
+  Malformed,      ///< the answer's frame did not hold (checksum, length) or could not be decoded
   ConnectFailed,  ///< the stack refused the connection
   NotFound,       ///< no post heard whose name or identifier matches
 };
@@ -53,6 +57,9 @@ class Outcome {
  public:
   /// An answer.
   Outcome(T value) : state_(std::move(value)) {}
+  /// An answer whose frame's checksum did not hold (ClientOptions::acceptChecksumMismatch).
+  Outcome(T value, bool checksumMismatch)
+      : state_(std::move(value)), checksumMismatch_(checksumMismatch) {}
   /// A failure.
   Outcome(ClientError error) : state_(std::move(error)) {}
   /// Whether it holds an answer.
@@ -61,9 +68,12 @@ class Outcome {
   const T& value() const { return std::get<0>(state_); }
   /// The failure.  @throws std::bad_variant_access when the request succeeded.
   const ClientError& error() const { return std::get<1>(state_); }
+  /// Whether the answer was taken although its checksum did not hold.
+  bool checksumMismatch() const { return checksumMismatch_; }
 
  private:
   std::variant<T, ClientError> state_;
+  bool checksumMismatch_ = false;
 };
 
 /// Receives a request's outcome, on the main queue.
@@ -133,13 +143,17 @@ struct ClientOptions {
   std::chrono::milliseconds connectTimeout{10000};  ///< finding a post and readying its link
   std::chrono::milliseconds requestTimeout{5000};   ///< a request's whole answer, once written
   ReconnectPolicy reconnect;
+  /// Takes answers whose checksum does not hold (a post whose firmware computes it
+  /// otherwise), reporting it on the outcome; otherwise they fail as Malformed.
+  bool acceptChecksumMismatch = false;
 };
 
 /// The client of one post. One per process is meant (the manager is one); it makes itself
 /// the manager's delegate and forwards every call, unchanged and first, to the delegate
 /// set with setDelegate() (since the client implements the value-update call, the manager
-/// drops its record after each update). After each connection the first request waits for
-/// the system information the manager asks for by itself 3 s later.
+/// drops its record after each update). Requests are written as soon as the link is ready;
+/// the client gathers and checks each answer itself, and keeps requests clear of the
+/// system information the manager asks for by itself 3 s after each connection.
 class ChargerClient {
  public:
   using PeripheralPtr = std::shared_ptr<ble::Peripheral>;
@@ -227,6 +241,21 @@ class ChargerClient {
   /// Makes run() return after the current task.
   void stop();
 
+  /// The main queue's descriptor for the application's own loop: it polls readable while
+  /// work is due, and the loop then calls dispatch().
+  /// @throws std::system_error when the system gives no timer descriptor.
+  /// @code
+  ///   pollfd p{client.eventFd(), POLLIN, 0};
+  ///   while (!finished) {
+  ///     ::poll(&p, 1, -1);
+  ///     client.dispatch();
+  ///   }
+  /// @endcode
+  int eventFd();
+  /// Runs the work that is due, surviving answers the manager cannot decode as run() does;
+  /// returns how many tasks ran.
+  std::size_t dispatch();
+
  private:
   enum class Link { Idle, Finding, Connecting, Discovering, Ready };
   using Issue = std::function<void(TQBleManager&, const TQErrorHandler&)>;
@@ -234,14 +263,19 @@ class ChargerClient {
     std::int64_t tag;   // the manager's pending-command tag
     std::uint8_t code;  // the command code its answer carries
     Issue issue;
-    std::function<void(const Bytes& answer, const ClientError* error)> finish;
+    std::function<void(const Bytes& frame, const ClientError* error)> finish;
+  };
+  // An answer the post owes, in the order written: to a request (its generation) or to
+  // the manager's own query (0).
+  struct Owed {
+    std::uint8_t code;
+    std::uint64_t owner;
   };
 
   template <typename T>
   void enqueue(std::int64_t tag, std::uint8_t code, Issue issue,
                std::function<T(const Bytes&)> value, Completion<T> done);
-  std::function<SettingResult(const Bytes&)> settingResult();
-  std::function<ChargerState(const Bytes&)> chargerState();
+  std::function<SystemInfo(const Bytes&)> systemInfo();
 
   void installDelegate();
   void after(std::chrono::milliseconds delay, std::function<void(ChargerClient&)> task);
@@ -249,24 +283,29 @@ class ChargerClient {
   bool beginConnect(Completion<PeripheralPtr>& done);
   void startConnecting(const PeripheralPtr& peripheral);
   void armConnectTimeout();
+  std::string attributeNote() const;
   void linkUp(const PeripheralPtr& peripheral);
   void linkDown(const std::optional<TQError>& platformError, bool failed);
+  void onRadioState(std::int64_t state);
   void connectDone(const ClientError* error);
-  void releaseHold();
+  void autoQueryWritten();
+  void settleAutoQuery();
+  void trimRows();
+  bool holding() const;
   void pump();
-  void dispatch();
-  void complete(const ClientError* error);
+  void writeNext();
+  void complete(const Bytes& frame, const ClientError* error);
   void failAll(const ClientError& error);
   void clearPending();
-  void onAnswer(std::int64_t tag, const Bytes& answer);
-  void onUpdate();
+  void onUpdate(bool failed);
+  void receive(const Bytes& piece);
+  void deliver(const Bytes& frame);
   void onRangeError(const std::out_of_range& range);
 
   ClientOptions options_;
   std::shared_ptr<TQBleManager> manager_;
   std::shared_ptr<TQBleManagerDelegate> ownDelegate_;
   std::weak_ptr<TQBleManagerDelegate> appDelegate_;
-  std::uint64_t observer_ = 0;
   std::function<void(const ClientError&)> onError_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  // guards queued tasks
 
@@ -279,17 +318,17 @@ class ChargerClient {
   std::uint64_t attempt_ = 0;  // tells a stale link timer from the current one
   bool userClosed_ = false;
   int reconnectsLeft_ = 0;
-  // The manager asks for the system information by itself 3 s after each connection;
-  // requests wait for that answer so that neither takes the other's.
-  bool holdForAutoQuery_ = false;
-  bool autoQueryDue_ = false;
-  bool autoAnswered_ = false;
+  bool reconnectOnPower_ = false;  // a reconnection waits for the adapter to come back
+  // The manager asks for the system information by itself 3 s after each connection.
+  // Requests stop being written shortly before and wait until its answer is absorbed.
+  std::chrono::steady_clock::time_point autoQueryAt_{};
+  bool autoSettled_ = true;
 
   std::deque<Request> queue_;  // the front one runs when inFlight_
   bool inFlight_ = false;
   std::uint64_t generation_ = 0;  // tells a stale request time-out from the current one
-  std::optional<Bytes> answer_;   // the running request's answer, seen before dispatch
-  bool stale_ = false;            // the manager took bytes that are not the running answer
+  std::deque<Owed> owed_;
+  std::unique_ptr<protocol::FrameAssembler> frames_;
   bool stopped_ = false;
 };
 

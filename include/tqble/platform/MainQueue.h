@@ -40,6 +40,17 @@ class MainQueue {
   /// Makes run() return after the current task. Safe from any thread.
   void stop();
 
+  // ---- Driven by the application's own loop, instead of run() ----
+
+  /// A descriptor that polls readable while a task is due; the application's loop calls
+  /// dispatch() when it does. Made on the first call, owned by the queue.
+  /// @throws std::system_error when the system gives no timer descriptor.
+  int eventFd();
+  /// Runs the tasks due now (on a virtual clock with none due, the earliest timer's, the
+  /// clock jumping there) and re-arms the descriptor; returns how many ran. A task's
+  /// exception passes through, the descriptor re-armed.
+  std::size_t dispatch();
+
   /// Switches to a virtual clock that moves only while the queue runs. Drops nothing queued.
   void useVirtualClock();
   /// Whether the clock is virtual.
@@ -53,8 +64,10 @@ class MainQueue {
 
  private:
   MainQueue() = default;
+  ~MainQueue();
   bool runOneDue(Clock::time_point upTo);
   std::pair<bool, Clock::time_point> nextTimer() const;
+  void armLocked(bool force);
 
   mutable std::mutex mutex_;  // only guards hand-over from other threads
   std::condition_variable wake_;
@@ -64,6 +77,8 @@ class MainQueue {
   std::atomic<bool> virtual_ = false;
   Clock::time_point virtualNow_{};
   bool stopRequested_ = false;
+  int fd_ = -1;                                        // the timer descriptor, once asked for
+  Clock::time_point armedFor_ = Clock::time_point::max();  // when it next polls readable
 };
 
 }  // namespace tqble

@@ -51,15 +51,6 @@ BusInterfaces interfacesOf(const BusValue& v) {
   return out;
 }
 
-// The full lower-case form bluetoothd's filter expects.
-std::string fullUuid(const ble::UUID& uuid) {
-  std::string text = uuid.UUIDString();
-  if (text.size() == 4) text = "0000" + text;
-  if (text.size() == 8) text += "-0000-1000-8000-00805f9b34fb";
-  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
-}
-
 }  // namespace
 
 TQError busError(const BusError& error, const char* what, std::int64_t code) {
@@ -347,7 +338,7 @@ void BluezCentral::scanForPeripheralsWithServices(const std::vector<ble::UUID>& 
   scanning_ = true;
   filter_ = serviceUUIDs;
   std::vector<std::string> uuids;
-  for (const auto& u : serviceUUIDs) uuids.push_back(fullUuid(u));
+  for (const auto& u : serviceUUIDs) uuids.push_back(u.fullString());
   // Duplicates wanted: every advertisement heard is one report.
   BusDict filter{{"Transport", BusValue("le")}, {"DuplicateData", BusValue(true)}};
   if (!uuids.empty()) filter["UUIDs"] = BusValue(uuids);

@@ -136,7 +136,9 @@ class Session {
   ~Session() {
     if (client->ready()) {
       client->disconnect();
-      client->runUntil([] { return false; }, 100ms);  // lets the stack close the link
+      // Until the stack reports the link closed, and no longer.
+      auto& manager = client->manager();
+      client->runUntil([&manager] { return manager.connectedPheral() == nullptr; }, 2s);
     }
   }
 
