@@ -17,7 +17,7 @@ MAKEFLAGS += --no-print-directory
 FUZZ_SECONDS ?= 60
 RELEASE = cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DTQBLE_BUILD_TESTS=OFF >/dev/null
 
-RADIO_PACKAGES = qemu-system-x86 bluez bluez-test-tools busybox-static kmod cpio
+RADIO_PACKAGES = qemu-system-x86 bluez bluez-test-tools busybox-static kmod cpio tshark
 
 .PHONY: all setup configure build test demo bench package check-fresh test-tsan test-radio fuzz memcheck clean format
 

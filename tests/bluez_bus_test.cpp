@@ -1,6 +1,6 @@
 // The D-Bus plumbing on a private bus: values keep their types both ways, errors keep
 // their names, exported objects answer the standard interfaces, and every callback runs
-// on the main queue's thread.
+// on the main queue's thread. (Every stand-in bluetoothd test goes through it as well.)
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -34,17 +34,17 @@ class BusTest : public ::testing::Test {
       ++refusals;
       call.fail("org.example.Error.Refused", "Not today");
     });
-    object->addProperty(kIface, "Level", BusValue::int16(-58), true);
-    object->onPropertyWritten([this](const std::string&, const std::string& name) { written.push_back(name); });
+    object->addProperty(kIface, "Level", BusValue::int16(-58));
     object->finish();
   }
 
   BusReply call(const std::string& method, const BusList& args, const std::string& replySignature) {
     std::optional<BusReply> reply;
-    client->call(kService, "/echo", kIface, method, args, 2s, replySignature, [&](const BusReply& r) {
-      onMain = onMain && std::this_thread::get_id() == mainThread;
-      reply = r;
-    });
+    client->call(kService, "/echo", kIface, method, args, 2s, replySignature,
+                 [&](const BusReply& r) {
+                   onMain = onMain && std::this_thread::get_id() == mainThread;
+                   reply = r;
+                 });
     EXPECT_TRUE(MainQueue::main().runUntil([&] { return reply.has_value(); }, 2s));
     return reply.value_or(BusReply{});
   }
@@ -52,22 +52,31 @@ class BusTest : public ::testing::Test {
   std::thread::id mainThread = std::this_thread::get_id();
   bool onMain = true;
   int refusals = 0;
-  std::vector<std::string> written;
   std::shared_ptr<Bus> server, client;
   std::unique_ptr<BusObject> manager, object;
 };
 
-TEST_F(BusTest, ValuesKeepTheirTypesThroughACallAndItsReply) {
+TEST_F(BusTest, ValuesKeepTheirTypesThroughACallAndItsReplyAndErrorsTheirNames) {
   const BusValue values[] = {
-      BusValue(true), BusValue::byte(0xFE), BusValue::int16(-127), BusValue::uint16(517),
-      BusValue::int32(-5), BusValue::uint32(4000000000u), BusValue(std::int64_t{-1} << 40), BusValue(2.5),
-      BusValue("TQ-AC7-0042"), BusValue::path("/org/bluez/hci0"), BusValue(Bytes{0x68, 0x00, 0xFF}),
+      BusValue(true),
+      BusValue::byte(0xFE),
+      BusValue::int16(-127),
+      BusValue::uint16(517),
+      BusValue::int32(-5),
+      BusValue::uint32(4000000000u),
+      BusValue(std::int64_t{-1} << 40),
+      BusValue(2.5),
+      BusValue("TQ-AC7-0042"),
+      BusValue::path("/org/bluez/hci0"),
+      BusValue(Bytes{0x68, 0x00, 0xFF}),
       BusValue(std::vector<std::string>{"0000fff0-0000-1000-8000-00805f9b34fb", ""}),
       BusValue::paths({"/a", "/a/b"}),
-      BusValue(BusDict{{"type", BusValue("command")}, {"nested", BusValue(BusDict{{"n", BusValue::int16(3)}})}}),
+      BusValue(BusDict{{"type", BusValue("command")},
+                       {"nested", BusValue(BusDict{{"n", BusValue::int16(3)}})}}),
       BusValue("a{qv}", BusIntDict{{0x05F1, BusValue(Bytes{1, 2})}}),
       BusValue("(sb)", BusList{BusValue("x"), BusValue(false)}),
-      BusValue("a{oa{sa{sv}}}", BusDict{{"/p", BusValue("a{sa{sv}}", BusDict{{"i", BusValue(BusDict{})}})}}),
+      BusValue("a{oa{sa{sv}}}",
+               BusDict{{"/p", BusValue("a{sa{sv}}", BusDict{{"i", BusValue(BusDict{})}})}}),
   };
   for (const auto& value : values) {
     const auto echoed = call("Echo", {BusValue::variant(value)}, "v");
@@ -75,59 +84,39 @@ TEST_F(BusTest, ValuesKeepTheirTypesThroughACallAndItsReply) {
     ASSERT_EQ(echoed.values.size(), 1u);
     EXPECT_EQ(echoed.values[0], value) << value.signature();
   }
+  EXPECT_EQ(call("Refuse", {}, "").error, (BusError{"org.example.Error.Refused", "Not today"}));
   EXPECT_TRUE(onMain);
-}
-
-TEST_F(BusTest, ErrorRepliesKeepTheirNameAndMessage) {
-  struct Case {
-    const char* method;
-    BusError expected;
-  } cases[] = {
-      {"Refuse", {"org.example.Error.Refused", "Not today"}},
-      {"Missing", {"org.freedesktop.DBus.Error.UnknownMethod", ""}},
-  };
-  for (const auto& c : cases) {
-    const auto reply = call(c.method, {}, "");
-    ASSERT_TRUE(reply.error) << c.method;
-    EXPECT_EQ(reply.error->name, c.expected.name);
-    if (!c.expected.message.empty()) {
-      EXPECT_EQ(reply.error->message, c.expected.message);
-    }
-  }
 }
 
 TEST_F(BusTest, ExportedObjectsAnswerTheStandardInterfaces) {
   std::vector<BusSignal> signals;
-  auto subscription = client->subscribe(
-      "type='signal',sender='" + std::string(kService) + "',interface='org.freedesktop.DBus.Properties'", "sa{sv}as",
-      [&](const BusSignal& s) { signals.push_back(s); });
+  auto subscription =
+      client->subscribe("type='signal',sender='" + std::string(kService) +
+                            "',interface='org.freedesktop.DBus.Properties'",
+                        "sa{sv}as", [&](const BusSignal& s) { signals.push_back(s); });
   std::optional<BusReply> objects;
-  client->call(kService, "/", "org.freedesktop.DBus.ObjectManager", "GetManagedObjects", {}, 2s, "a{oa{sa{sv}}}",
-               [&](const BusReply& r) { objects = r; });
+  client->call(kService, "/", "org.freedesktop.DBus.ObjectManager", "GetManagedObjects", {}, 2s,
+               "a{oa{sa{sv}}}", [&](const BusReply& r) { objects = r; });
   ASSERT_TRUE(MainQueue::main().runUntil([&] { return objects.has_value(); }, 2s));
   ASSERT_FALSE(objects->error);
   const BusValue* level = objects->values.at(0).at("/echo");
   ASSERT_TRUE(level && level->at(kIface));
   EXPECT_EQ(*level->at(kIface)->at("Level"), BusValue::int16(-58));
 
-  // A change is signalled every time, also with an equal value; a client's write is stored.
+  // A change is signalled every time, also with an equal value.
   object->set(kIface, "Level", BusValue::int16(-60));
   object->set(kIface, "Level", BusValue::int16(-60));
-  client->call(kService, "/echo", "org.freedesktop.DBus.Properties", "Set",
-               {BusValue(kIface), BusValue("Level"), BusValue::variant(BusValue::int16(-70))}, 2s);
-  ASSERT_TRUE(MainQueue::main().runUntil([&] { return signals.size() == 3 && !written.empty(); }, 2s));
-  EXPECT_EQ(signals[0].path, "/echo");
-  EXPECT_EQ(signals[0].args.at(0), BusValue(kIface));
+  ASSERT_TRUE(MainQueue::main().runUntil([&] { return signals.size() == 2; }, 2s));
+  EXPECT_EQ(signals[1].path, "/echo");
+  EXPECT_EQ(signals[1].args.at(0), BusValue(kIface));
   EXPECT_EQ(*signals[1].args.at(1).at("Level"), BusValue::int16(-60));
-  EXPECT_EQ(*signals[2].args.at(1).at("Level"), BusValue::int16(-70));
-  EXPECT_EQ(written, std::vector<std::string>{"Level"});
-  EXPECT_EQ(object->get(kIface, "Level"), BusValue::int16(-70));
 
-  // Dropping the subscription drops what was already handed over.
+  // Dropping the subscription drops what was already handed over: a reply sent after the
+  // signal comes back, and the signal is not delivered.
   object->set(kIface, "Level", BusValue::int16(-1));
   subscription = {};
-  MainQueue::main().runFor(100ms);
-  EXPECT_EQ(signals.size(), 3u);
+  call("Echo", {BusValue::variant(BusValue(true))}, "v");
+  EXPECT_EQ(signals.size(), 2u);
 }
 
 TEST_F(BusTest, CallsLeftForClosingAreSentWhenTheBusCloses) {
@@ -140,8 +129,8 @@ TEST_F(BusTest, CallsLeftForClosingAreSentWhenTheBusCloses) {
   const auto name = client->uniqueName();
   client->close();
   client->close();
-  ASSERT_TRUE(MainQueue::main().runUntil([&] { return !owners.empty() && refusals > 0; }, 2s));
-  MainQueue::main().runFor(50ms);
+  // The calls reach the server before the name's end does.
+  ASSERT_TRUE(MainQueue::main().runUntil([&] { return !owners.empty(); }, 2s));
   EXPECT_EQ(refusals, 1);
   EXPECT_EQ(owners[0].args.at(0), BusValue(name));
 }

@@ -1,5 +1,7 @@
-// The bluez peripheral against a stand-in bluetoothd: service discovery in its odd
-// orders, and exactly one value update per read and per notification.
+// The bluez peripheral against the stand-in bluetoothd: service discovery in the orders the
+// real daemon may take (resolved before it is asked, the charger's service late or missing),
+// one value update per notification, equal ones included, and attributes of an earlier link.
+// (One update per read and per notification of a whole answer is proven in the radio guest.)
 #include "support/BluezSession.h"
 
 namespace tqble::test {
@@ -7,67 +9,55 @@ namespace {
 
 using Lines = std::vector<std::string>;
 const Bytes kStateQuery = {0x68, 0xB5, 0x00, 0x00, 0x01, 0x00, 0x00, 0xDC, 0x00};
-constexpr char kAddress[] = "C0:FF:EE:00:00:01";
 
 TEST_F(BluezSession, ServicesAreReportedOnceResolvedInThePeersHandleOrder) {
+  const Lines charger = {"services 180A FFF0", "characteristics FFF0: FFF3/12 FFF4/18"};
   struct Case {
     const char* name;
-    std::function<void(BluezSession&)> arrange;
-    bool discoverLate;  // ServicesResolved already true when discoverServices is called
-    bool reconnect;     // a second link, served from bluetoothd's cache
+    void (*arrange)(BluezSession&);
+    bool resolvedFirst;  // ServicesResolved already true when discoverServices is called
     Lines expected;
   } cases[] = {
-      {"fresh", nullptr, false, false, {"services 180A FFF0", "characteristics FFF0: FFF3/12 FFF4/18"}},
-      {"resolved before asked", nullptr, true, false, {"services 180A FFF0", "characteristics FFF0: FFF3/12 FFF4/18"}},
-      {"cached on reconnection", nullptr, false, true, {"services 180A FFF0", "characteristics FFF0: FFF3/12 FFF4/18"}},
-      {"read characteristic first",
-       [](BluezSession& s) { s.post->faults().readCharacteristicFirst = true; }, false, false,
-       {"services 180A FFF0", "characteristics FFF0: FFF4/18 FFF3/12"}},
-      {"charger service exported late", [](BluezSession& s) { s.fake->faults(s.post).lateChargerService = true; },
-       false, false, {"services 180A FFF0", "characteristics FFF0: FFF3/12 FFF4/18"}},
-      {"charger service missing", [](BluezSession& s) { s.post->faults().missingService = true; }, false, false,
+      {"resolved after asked", nullptr, false, charger},
+      {"resolved before asked", nullptr, true, charger},
+      {"charger service exported late",
+       [](BluezSession& s) { s.fake->faults(s.post).lateChargerService = true; }, false, charger},
+      {"charger service missing",
+       [](BluezSession& s) { s.post->faults().missingService = true; },
+       false,
        {"services 180A"}},
   };
   makeCentral();
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    post->faults() = {};
-    fake->faults(post) = {};
     if (c.arrange) c.arrange(*this);
-    recorder->last = nullptr;
     auto p = find();
-    for (int link = 0; link < (c.reconnect ? 2 : 1); ++link) {
-      recorder->events.clear();
-      central->connectPeripheral(p, {});
-      ASSERT_TRUE(runUntil([&] { return heard("connect C0:FF:EE:00:00:01"); }));
-      if (c.discoverLate) settle();
-      p->discoverServices({});
-      ASSERT_TRUE(runUntil([&] { return recorder->events.size() == 2; }, 1s));
-      if (link == 0 && c.reconnect) central->cancelPeripheralConnection(p), settle();
-    }
-    if (!p->services().empty() && p->services().back()->uuid().UUIDString() == "FFF0") {
+    recorder->events.clear();
+    central->connectPeripheral(p, {});
+    ASSERT_TRUE(runUntil([&] { return heard("connect C0:FF:EE:00:00:01"); }));
+    if (c.resolvedFirst) barrier();
+    p->discoverServices({});
+    ASSERT_TRUE(runUntil([&] { return recorder->events.size() == 2; }));
+    if (p->services().size() == 2) {
       p->discoverCharacteristics({}, p->services().back());
       ASSERT_TRUE(runUntil([&] { return recorder->events.size() == 3; }));
     }
-    const Lines tail(recorder->events.begin() + 1, recorder->events.end());
-    EXPECT_EQ(tail, c.expected);
+    EXPECT_EQ(Lines(recorder->events.begin() + 1, recorder->events.end()), c.expected);
+    post->faults() = {};
+    fake->faults(post) = {};
+    const auto states = recorder->states.size();
     fake->setPowered(false);  // the device goes, the GATT cache with it
-    ASSERT_TRUE(runUntil([&] { return central->state() == ble::CentralManagerStatePoweredOff; }));
     fake->setPowered(true);
-    ASSERT_TRUE(runUntil([&] { return central->state() == ble::CentralManagerStatePoweredOn; }));
+    ASSERT_TRUE(runUntil([&] { return recorder->states.size() == states + 2; }));
   }
 }
 
-TEST_F(BluezSession, EveryReadAndEveryNotificationIsExactlyOneValueUpdate) {
+TEST_F(BluezSession,
+       EveryNotificationIsOneValueUpdateEqualNeighboursIncludedAndWritesKeepTheirType) {
   makeCentral();
   auto [write, read] = link();
-  peripheral()->readValueForCharacteristic(read);
-  settle();
-  EXPECT_EQ(recorder->events, Lines{"update FFF4 00"}) << "the reply repeats the Value signal: it is no second update";
-
   // Pieces of one byte: equal neighbours are separate notifications.
   post->faults().chunkSizes = {1, 1, 1, 1, 1, 1};
-  recorder->events.clear();
   peripheral()->setNotifyValue(true, read);
   peripheral()->writeValue(kStateQuery, write, ble::WriteType::WithoutResponse);
   ASSERT_TRUE(runUntil([&] { return !post->sentAnswers().empty(); }));
@@ -75,10 +65,10 @@ TEST_F(BluezSession, EveryReadAndEveryNotificationIsExactlyOneValueUpdate) {
   Lines expected;
   for (std::size_t at = 0; at < answer.size(); at += at < 6 ? 1 : 20) {
     const std::size_t size = at < 6 ? 1 : std::min<std::size_t>(20, answer.size() - at);
-    expected.push_back("update FFF4 " + spaced(Bytes(answer.begin() + at, answer.begin() + at + size), ""));
+    expected.push_back("update FFF4 " +
+                       spaced(Bytes(answer.begin() + at, answer.begin() + at + size), ""));
   }
-  ASSERT_TRUE(runUntil([&] { return recorder->events.size() >= expected.size(); }));
-  settle();
+  barrier();
   EXPECT_EQ(recorder->events, expected);
   EXPECT_EQ(fake->calls().back(), "WriteValue FFF3 command 68B50000010000DC00");
 
@@ -87,7 +77,7 @@ TEST_F(BluezSession, EveryReadAndEveryNotificationIsExactlyOneValueUpdate) {
   peripheral()->writeValue(kStateQuery, write, ble::WriteType::WithResponse);
   ASSERT_TRUE(runUntil([&] { return !recorder->events.empty(); }));
   EXPECT_EQ(recorder->events.front(), "write FFF3");
-  EXPECT_TRUE(called("WriteValue FFF3 request 68B50000010000DC00"));
+  EXPECT_EQ(fake->calls().back(), "WriteValue FFF3 request 68B50000010000DC00");
 }
 
 TEST_F(BluezSession, FailedReadsAreReportedAndAttributesOfAnEarlierLinkAreRefused) {
@@ -96,10 +86,12 @@ TEST_F(BluezSession, FailedReadsAreReportedAndAttributesOfAnEarlierLinkAreRefuse
   post->faults().readError = TQError{"busy", 0, {}};
   peripheral()->readValueForCharacteristic(read);
   ASSERT_TRUE(runUntil([&] { return !recorder->events.empty(); }));
-  EXPECT_EQ(recorder->events, Lines{"update FFF4 00 error 0 Reading the characteristic failed. (busy)"});
+  barrier();
+  EXPECT_EQ(recorder->events,
+            Lines{"update FFF4 00 error 0 Reading the characteristic failed. (busy)"});
 
   peripheral()->setNotifyValue(true, read);
-  settle(30ms);
+  ASSERT_TRUE(runUntil([&] { return fake->notifySessions(post) == 1; }));
   fake->dropLink(post);
   ASSERT_TRUE(runUntil([&] { return fake->notifySessions(post) == 0; }))
       << "a notify session left behind would resume on the next link";
@@ -108,7 +100,7 @@ TEST_F(BluezSession, FailedReadsAreReportedAndAttributesOfAnEarlierLinkAreRefuse
   peripheral()->writeValue(kStateQuery, write, ble::WriteType::WithoutResponse);
   peripheral()->readValueForCharacteristic(read);
   peripheral()->setNotifyValue(true, read);
-  settle(50ms);
+  barrier();
   EXPECT_EQ(fake->calls().size(), calls) << "nothing reaches the post through an old attribute";
   EXPECT_TRUE(recorder->events.empty());
   EXPECT_NE(newWrite, write);

@@ -3,7 +3,10 @@
 # emulation, no Bluetooth hardware needed) with this machine's root shared read-only, two emulated
 # LE controllers in the guest, `tqble post` on one and the SDK's bluez backend on the other.
 # Usage: scripts/radio/run.sh BUILD_DIR     (the tqble tool and tqble_radio must be built there)
-# Prints one line per scenario and a summary; exits non-zero when a scenario fails.
+# Prints one line per scenario and a summary; exits non-zero when a scenario fails. The guest's
+# logs and its radio capture stay in BUILD_DIR/radio/guest. For measuring: RADIO_SMP (guest
+# CPUs, 1), RADIO_KICK=0 (the post does not advertise again when a scan starts, see guest.sh),
+# RADIO_EXP=SCRIPT (the guest runs SCRIPT instead of the scenarios).
 set -euo pipefail
 HERE=$(cd "$(dirname "$0")" && pwd)
 BUILD=$(cd "${1:?usage: run.sh BUILD_DIR}" && pwd)
@@ -48,12 +51,14 @@ fi
 
 boot() {  # $1 = attempt number; the guest's own lines start with "radio:"
   local log=$WORK/boot-$1.log
+  rm -rf "$WORK/guest"; mkdir "$WORK/guest"   # the guest's logs and its capture
   set +e
-  timeout --kill-after=10 "$BOOT_TIMEOUT" qemu-system-x86_64 -accel tcg -m 1024 -smp 2 \
+  timeout --kill-after=10 "$BOOT_TIMEOUT" qemu-system-x86_64 -accel tcg -m 1024 -smp "${RADIO_SMP:-1}" \
     -nographic -no-reboot -nodefaults -serial stdio -monitor none \
     -kernel "$KDIR/boot/vmlinuz-$KVER" -initrd "$WORK/initramfs.cpio.gz" \
-    -append "console=ttyS0 quiet loglevel=3 panic=-1 radio_init=$HERE/guest.sh radio_build=$BUILD radio_kdir=$KDIR ${RADIO_BTMON:+radio_btmon=1}" \
+    -append "console=ttyS0 quiet loglevel=3 panic=-1 radio_init=$HERE/guest.sh radio_build=$BUILD radio_kdir=$KDIR radio_work=$WORK/guest radio_kick=${RADIO_KICK:-1} ${RADIO_EXP:+radio_exp=$RADIO_EXP}" \
     -virtfs local,path=/,mount_tag=hostroot,security_model=none,readonly=on,multidevs=remap \
+    -virtfs local,path="$WORK/guest",mount_tag=radiowork,security_model=none,multidevs=remap \
     </dev/null 2>&1 | sed -u 's/\r$//' | tee "$log" | sed -un 's/^radio: //p'
   local rc=${PIPESTATUS[0]}
   set -e
@@ -69,9 +74,17 @@ if grep -q '^radio: bring-up failed' "$WORK/boot-$attempt.log"; then
   boot $attempt
 fi
 log=$WORK/boot-$attempt.log
-# The command scenario's btsnoop capture, sent by the guest over the console.
-grep -a '^capture: ' "$log" | cut -c10- | base64 -d >"$WORK/commands.btsnoop" 2>/dev/null \
-  && [ -s "$WORK/commands.btsnoop" ] && echo "radio: capture of the command scenario: $WORK/commands.btsnoop"
+# The radio traffic while each failed scenario ran, from the guest's capture: HCI commands
+# and events, L2CAP and ATT, one line each.
+while read -r name from to; do
+  tshark -r "$WORK/guest/hci.btsnoop" -Y "frame.time_epoch >= $from && frame.time_epoch <= $to &&
+      (bthci_cmd || bthci_evt || btl2cap || btatt)" -T fields -e frame.time -e hci_mon.adapter_id -e _ws.col.Info \
+      2>/dev/null | sed "s/^[A-Za-z]* [0-9 ]*, [0-9]* \([0-9:.]\{15\}\)[0-9]* UTC/\1/" >"$WORK/guest/hci-$name.txt"
+  echo "radio: $name, the last of its radio traffic (all in $WORK/guest/hci-$name.txt):"
+  tail -30 "$WORK/guest/hci-$name.txt" | sed 's/^/radio:   | hci/'
+done < <(cat "$WORK/guest/failed" 2>/dev/null)
+cp "$WORK/guest/commands.btsnoop" "$WORK/commands.btsnoop" 2>/dev/null \
+  && echo "radio: capture of the command scenario: $WORK/commands.btsnoop"
 echo "radio: $(( $(date +%s) - started )) s in all (logs in $WORK)"
 summary=$(grep -a '^radio: summary' "$log" | tail -1 || true)
 [ -n "$summary" ] || { echo "radio: the guest ended without a summary"; exit 1; }

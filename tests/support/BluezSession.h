@@ -6,9 +6,8 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <algorithm>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,65 +22,63 @@ namespace tqble::test {
 
 using namespace std::chrono_literals;
 
-class Recorder final : public ble::CentralManagerDelegate, public ble::PeripheralDelegate {
+class BleRecorder final : public ble::CentralManagerDelegate, public ble::PeripheralDelegate {
+  using Central = ble::CentralManager;
+  using Peer = std::shared_ptr<ble::Peripheral>;
+  using Chrc = std::shared_ptr<ble::Characteristic>;
+  using Error = std::optional<TQError>;
+
  public:
   std::vector<std::string> events;
   std::vector<std::int64_t> states;
-  std::vector<std::int64_t> rssis;
-  std::shared_ptr<ble::Peripheral> last;
+  Peer last;  ///< heard last
   bool offMain = false;
 
-  void centralManagerDidUpdateState(ble::CentralManager& c) override { note(), states.push_back(c.state()); }
-  void didDiscoverPeripheral(ble::CentralManager&, const std::shared_ptr<ble::Peripheral>& p, const Dictionary& adv,
+  void centralManagerDidUpdateState(Central& c) override { note(), states.push_back(c.state()); }
+  void didDiscoverPeripheral(Central&, const Peer& p, const Dictionary& adv,
                              std::int64_t rssi) override {
-    note();
     last = p;
-    rssis.push_back(rssi);
-    const auto* name = adv.contains("kCBAdvDataLocalName") ? std::get_if<std::string>(&adv.at("kCBAdvDataLocalName")) : nullptr;
-    events.push_back("discover " + p->identifier() + " " + (name ? *name : "-"));
+    const auto name = adv.find("kCBAdvDataLocalName");
+    add("discover " + p->identifier() + " " +
+        (name == adv.end() ? "-" : std::get<std::string>(name->second)) + " " +
+        std::to_string(rssi));
   }
-  void didConnectPeripheral(ble::CentralManager&, const std::shared_ptr<ble::Peripheral>& p) override {
-    note(), events.push_back("connect " + p->identifier());
+  void didConnectPeripheral(Central&, const Peer& p) override { add("connect " + p->identifier()); }
+  void didDisconnectPeripheral(Central&, const Peer& p, const Error& e) override {
+    add("disconnect " + p->identifier(), e);
   }
-  void didDisconnectPeripheral(ble::CentralManager&, const std::shared_ptr<ble::Peripheral>& p,
-                               const std::optional<TQError>& e) override {
-    note(), events.push_back("disconnect " + p->identifier() + error(e));
+  void didFailToConnectPeripheral(Central&, const Peer& p, const Error& e) override {
+    add("fail " + p->identifier(), e);
   }
-  void didFailToConnectPeripheral(ble::CentralManager&, const std::shared_ptr<ble::Peripheral>& p,
-                                  const std::optional<TQError>& e) override {
-    note(), events.push_back("fail " + p->identifier() + error(e));
-  }
-  void didDiscoverServices(const std::shared_ptr<ble::Peripheral>& p, const std::optional<TQError>& e) override {
-    note();
+  void didDiscoverServices(const Peer& p, const Error& e) override {
     std::string line = "services";
     for (const auto& s : p->services()) line += " " + s->uuid().UUIDString();
-    events.push_back(line + error(e));
+    add(line, e);
   }
-  void didDiscoverCharacteristicsForService(const std::shared_ptr<ble::Peripheral>&, const std::shared_ptr<ble::Service>& s,
-                                            const std::optional<TQError>& e) override {
-    note();
+  void didDiscoverCharacteristicsForService(const Peer&, const std::shared_ptr<ble::Service>& s,
+                                            const Error& e) override {
     std::string line = "characteristics " + s->uuid().UUIDString() + ":";
-    for (const auto& c : s->characteristics()) line += " " + c->uuid().UUIDString() + "/" + std::to_string(c->properties());
-    events.push_back(line + error(e));
+    for (const auto& c : s->characteristics())
+      line += " " + c->uuid().UUIDString() + "/" + std::to_string(c->properties());
+    add(line, e);
   }
-  void didUpdateValueForCharacteristic(const std::shared_ptr<ble::Peripheral>&, const std::shared_ptr<ble::Characteristic>& c,
-                                       const std::optional<TQError>& e) override {
-    note(), events.push_back("update " + c->uuid().UUIDString() + " " + spaced(c->value(), "") + error(e));
+  void didUpdateValueForCharacteristic(const Peer&, const Chrc& c, const Error& e) override {
+    add("update " + c->uuid().UUIDString() + " " + spaced(c->value(), ""), e);
   }
-  void didWriteValueForCharacteristic(const std::shared_ptr<ble::Peripheral>&, const std::shared_ptr<ble::Characteristic>& c,
-                                      const std::optional<TQError>& e) override {
-    note(), events.push_back("write " + c->uuid().UUIDString() + error(e));
+  void didWriteValueForCharacteristic(const Peer&, const Chrc& c, const Error& e) override {
+    add("write " + c->uuid().UUIDString(), e);
   }
 
  private:
-  static std::string error(const std::optional<TQError>& e) {
-    return e ? " error " + std::to_string(e->code) + " " + e->domain : "";
+  void add(const std::string& line, const std::optional<TQError>& e = std::nullopt) {
+    note();
+    events.push_back(line + (e ? " error " + std::to_string(e->code) + " " + e->domain : ""));
   }
   void note() { offMain = offMain || std::this_thread::get_id() != mainThread_; }
   std::thread::id mainThread_ = std::this_thread::get_id();
 };
 
-/// A fresh fake bluetoothd with one post, and a bluez central on it.
+/// A fresh stand-in bluetoothd with one post, and a bluez central on it.
 class BluezSession : public ::testing::Test {
  public:
   static void SetUpTestSuite() { usePrivateSystemBus(); }
@@ -94,7 +91,9 @@ class BluezSession : public ::testing::Test {
     post = fake->addPost(setup);
   }
 
-  void TearDown() override { EXPECT_FALSE(recorder->offMain) << "a delegate call came off the main queue"; }
+  void TearDown() override {
+    EXPECT_FALSE(recorder->offMain) << "a delegate call came off the main queue";
+  }
 
   void makeCentral() {
     central = ble::backendNamed("bluez")(recorder);
@@ -104,25 +103,33 @@ class BluezSession : public ::testing::Test {
   static bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 2s) {
     return MainQueue::main().runUntil(done, limit);
   }
-  static void settle(std::chrono::milliseconds span = 100ms) { MainQueue::main().runFor(span); }
+  /// Returns once the stand-in has handled every call this process sent before, what they
+  /// set off is done, and all it sent meanwhile has been delivered: absence is proven by
+  /// this round trip, never by a pause.
+  static void barrier() {
+    bool answered = false;
+    bluez::Bus::system()->call("org.bluez", "/", "org.bluez.Test", "Barrier", {}, 5s, "",
+                               [&](const bluez::BusReply& r) { answered = !r.error; });
+    ASSERT_TRUE(runUntil([&] { return answered; }, 5s));
+    MainQueue::main().runUntilIdle();
+  }
   bool heard(const std::string& line) const {
-    return std::find(recorder->events.begin(), recorder->events.end(), line) != recorder->events.end();
+    return std::find(recorder->events.begin(), recorder->events.end(), line) !=
+           recorder->events.end();
   }
   bool called(const std::string& line) const {
     return std::find(fake->calls().begin(), fake->calls().end(), line) != fake->calls().end();
   }
-
-  /// The peripheral heard last.
   const std::shared_ptr<ble::Peripheral>& peripheral() const { return recorder->last; }
 
   /// Scans until the post is heard, stops, and returns its peripheral.
   std::shared_ptr<ble::Peripheral> find() {
+    recorder->last = nullptr;
     central->scanForPeripheralsWithServices({}, {});
-    if (!runUntil([&] { return recorder->last != nullptr; })) {
-      throw std::runtime_error("the post was not heard; calls: " + ::testing::PrintToString(fake->calls()));
-    }
+    EXPECT_TRUE(runUntil([&] { return recorder->last != nullptr; }))
+        << ::testing::PrintToString(fake->calls());
     central->stopScan();
-    recorder->last->setDelegate(recorder);
+    if (recorder->last) recorder->last->setDelegate(recorder);
     return recorder->last;
   }
 
@@ -141,7 +148,7 @@ class BluezSession : public ::testing::Test {
     return {charger->characteristics().at(0), charger->characteristics().at(1)};
   }
 
-  std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
+  std::shared_ptr<BleRecorder> recorder = std::make_shared<BleRecorder>();
   std::unique_ptr<FakeBluez> fake;
   std::shared_ptr<sim::VirtualPost> post;
   std::shared_ptr<ble::CentralManager> central;
