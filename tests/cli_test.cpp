@@ -56,8 +56,7 @@ TEST(CommandLineTool, PrintsTheExactFrameOrJsonWithHeaderWarningsLogsWhereAskedA
       {"echo '68-B6-00-00-01-00-00-DE:01' | $TQBLE decode stopChargeWithError -", 0,
        "{\n  \"command\": \"stopChargeWithError\",\n  \"code\": \"0xB6\",\n"
        "  \"bytes\": \"68 B6 00 00 01 00 00 DE 01\",\n  \"warnings\": [],\n"
-       "  \"answer\": {\n    \"resultType\": 0\n  },\n"
-       "  \"typed\": {\n    \"accepted\": false,\n    \"result_type\": 1\n  }\n}\n", ""},  // the manager says success whatever the post sent
+       "  \"answer\": {\n    \"resultType\": 0\n  },\n  \"typed\": {\n    \"accepted\": false,\n    \"result_type\": 1\n  }\n}\n", ""},  // the manager says success whatever the post sent
       {"$TQBLE decode stopChargeWithError 0xAA 0xB7 0x00 0x00 0x02 0x00 0x00 0x00 0x01", 0,  // refusal by the wrong post
        "~\"warnings\": [\n    \"start byte is 0xAA, not 0x68\",\n    \"command byte is 0xB7, not 0xB6\",\n"
        "    \"length field says 2 body bytes, the answer has 1\",\n    \"checksum is 0x00, not 0x1E\"\n  ]", ""},
