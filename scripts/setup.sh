@@ -13,6 +13,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libsdbus-c++-dev libsystemd-dev dbus
   clang libclang-rt-14-dev valgrind
+  python3-dev pybind11-dev python3-pybind11 python3-pytest python3-pytest-asyncio
   "$@"
 )
 

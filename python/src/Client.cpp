@@ -1,0 +1,173 @@
+#include "Client.h"
+
+#include "Answers.h"
+#include "tqble/platform/MainQueue.h"
+
+namespace tqble::python {
+namespace {
+
+// The manager is one per process, and so is the client standing on it.
+bool clientOpen = false;
+
+void call(const py::object& callable, py::object first, py::object second = py::none()) {
+  try {
+    callable(std::move(first), std::move(second));
+  } catch (py::error_already_set& e) {
+    // A failing callback must not unwind through the main queue.
+    e.discard_as_unraisable("in a tqble completion");
+  }
+}
+
+}  // namespace
+
+Client::Client(const ClientOptions& options) {
+  if (clientOpen) {
+    throw ClientInUse(
+        "a tqble client is already open in this process (the SDK runs one link per process): "
+        "close it before opening another");
+  }
+  client_ = std::make_unique<ChargerClient>(options);
+  clientOpen = true;
+}
+
+Client::~Client() {
+  close();
+}
+
+void Client::close() {
+  if (!client_) return;
+  client_->stopScan();
+  client_->disconnect();  // completes every waiting request
+  client_.reset();
+  waiting_->clear();
+  *heard_ = py::object();
+  clientOpen = false;
+}
+
+ChargerClient& Client::open() {
+  if (!client_) throw std::runtime_error("the client is closed");
+  return *client_;
+}
+
+// The callable waits in the table under a number; the completion finds it there, unless
+// the client has gone (then the table has gone with it).
+template <typename T>
+Completion<T> Client::completion(py::function done) {
+  const auto id = next_++;
+  waiting_->emplace(id, std::move(done));
+  return [waiting = std::weak_ptr<Waiting>(waiting_), id](const Outcome<T>& outcome) {
+    const auto table = waiting.lock();
+    if (!table) return;
+    const auto found = table->find(id);
+    if (found == table->end()) return;
+    const py::object done = std::move(found->second);
+    table->erase(found);
+    if (outcome.ok()) {
+      call(done, toPython(outcome.value()));
+    } else {
+      call(done, py::none(), toPython(outcome.error()));
+    }
+  };
+}
+
+void Client::connect(const std::string& nameOrIdentifier, py::function done) {
+  auto finish = completion<ChargerClient::PeripheralPtr>(std::move(done));
+  open().connect(nameOrIdentifier, std::move(finish));
+}
+
+void Client::disconnect() {
+  open().disconnect();
+}
+
+bool Client::ready() const {
+  return client_ && client_->ready();
+}
+
+std::string Client::radioNote() const {
+  return client_ ? client_->radioNote() : std::string();
+}
+
+void Client::scan(py::function heard) {
+  *heard_ = std::move(heard);
+  open().scan([heard = std::weak_ptr<py::object>(heard_)](const auto& peripheral, std::int64_t rssi) {
+    if (const auto callable = heard.lock(); callable && *callable) {
+      try {
+        (*callable)(toPython(peripheral, rssi));
+      } catch (py::error_already_set& e) {
+        e.discard_as_unraisable("in a tqble scan callback");
+      }
+    }
+  });
+}
+
+void Client::stopScan() {
+  open().stopScan();
+  *heard_ = py::object();
+}
+
+void Client::synchroTime(py::function done) {
+  open().synchroTime(completion<SettingResult>(std::move(done)));
+}
+
+void Client::querySystemInfo(py::function done) {
+  open().querySystemInfo(completion<SystemInfo>(std::move(done)));
+}
+
+void Client::setVolume(std::int64_t volume, py::function done) {
+  if (volume < 0 || volume > 100) throw py::value_error("volume must be 0-100, not " + std::to_string(volume));
+  open().setVolume(volume, completion<SettingResult>(std::move(done)));
+}
+
+void Client::reserve(std::int64_t startHour, std::int64_t startMinute, std::int64_t endHour,
+                     std::int64_t endMinute, py::function done) {
+  open().reserve(startHour, startMinute, endHour, endMinute,
+                 completion<SettingResult>(std::move(done)));
+}
+
+void Client::startCharging(py::function done) {
+  open().startCharging(completion<SettingResult>(std::move(done)));
+}
+
+void Client::stopCharging(py::function done) {
+  open().stopCharging(completion<SettingResult>(std::move(done)));
+}
+
+void Client::queryChargerState(py::function done) {
+  open().queryChargerState(completion<ChargerState>(std::move(done)));
+}
+
+void Client::queryChargingData(py::function done) {
+  open().queryChargingData(completion<ChargerState>(std::move(done)));
+}
+
+void Client::queryHistory(py::function done) {
+  open().queryHistory(completion<ChargingHistory>(std::move(done)));
+}
+
+void Client::queryCumulativeEnergy(py::function done) {
+  open().queryCumulativeEnergy(completion<CumulativeEnergy>(std::move(done)));
+}
+
+void Client::queryErrorLog(py::function done) {
+  open().queryErrorLog(completion<ErrorLog>(std::move(done)));
+}
+
+void Client::queryDiagnostics(py::function done) {
+  open().queryDiagnostics(completion<TQBleRunDiagnosticInfo>(std::move(done)));
+}
+
+int Client::eventFd() {
+  open();
+  return -1;  // until the main queue offers its descriptor: the host loop polls
+}
+
+std::size_t Client::dispatch() {
+  open();
+  try {
+    return MainQueue::main().runUntilIdle();
+  } catch (const std::out_of_range& range) {
+    return 1;
+  }
+}
+
+}  // namespace tqble::python

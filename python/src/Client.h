@@ -1,0 +1,78 @@
+#pragma once
+
+// The client as Python sees it: one ChargerClient per process, each request's outcome
+// handed to a Python callable `done(value, error)` on the main queue. Nothing queued on
+// the main queue holds a Python object: a completion keeps only the request's number and
+// a weak reference to the table of waiting callables, which the client owns.
+
+#include <pybind11/pybind11.h>
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "tqble/client/ChargerClient.h"
+
+namespace tqble::python {
+
+namespace py = pybind11;
+
+/// A second client while one is open in this process.
+struct ClientInUse : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+class Client {
+ public:
+  /// Opens the process's client. @throws ClientInUse while another one is open.
+  explicit Client(const ClientOptions& options);
+  ~Client();
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+
+  /// Ends the link and every request (NotConnected), then releases the client.
+  void close();
+
+  void connect(const std::string& nameOrIdentifier, py::function done);
+  void disconnect();
+  bool ready() const;
+  std::string radioNote() const;
+  /// Calls heard(tqble.answers.Heard) for every advertisement until stopScan().
+  void scan(py::function heard);
+  void stopScan();
+
+  void synchroTime(py::function done);
+  void querySystemInfo(py::function done);
+  void setVolume(std::int64_t volume, py::function done);
+  void reserve(std::int64_t startHour, std::int64_t startMinute, std::int64_t endHour,
+               std::int64_t endMinute, py::function done);
+  void startCharging(py::function done);
+  void stopCharging(py::function done);
+  void queryChargerState(py::function done);
+  void queryChargingData(py::function done);
+  void queryHistory(py::function done);
+  void queryCumulativeEnergy(py::function done);
+  void queryErrorLog(py::function done);
+  void queryDiagnostics(py::function done);
+
+  /// The main queue's descriptor for the host loop.
+  int eventFd();
+  /// Runs the work that is due; returns how many tasks ran.
+  std::size_t dispatch();
+
+ private:
+  using Waiting = std::map<std::uint64_t, py::object>;
+  template <typename T>
+  Completion<T> completion(py::function done);
+  ChargerClient& open();
+
+  std::unique_ptr<ChargerClient> client_;
+  std::shared_ptr<Waiting> waiting_ = std::make_shared<Waiting>();
+  std::shared_ptr<py::object> heard_ = std::make_shared<py::object>();
+  std::uint64_t next_ = 0;
+};
+
+}  // namespace tqble::python
