@@ -9,13 +9,24 @@ namespace {
 // The manager is one per process, and so is the client standing on it.
 bool clientOpen = false;
 
-void call(const py::object& callable, py::object first, py::object second = py::none()) {
+template <typename... Args>
+void call(const py::object& callable, Args&&... args) {
   try {
-    callable(std::move(first), std::move(second));
+    callable(std::forward<Args>(args)...);
   } catch (py::error_already_set& e) {
     // A failing callback must not unwind through the main queue.
-    e.discard_as_unraisable("in a tqble completion");
+    e.discard_as_unraisable("in a tqble callback");
   }
+}
+
+// Reports one link event to the callable held in `link`, if it is still there.
+auto linkEvent(const std::shared_ptr<py::object>& link, const char* event) {
+  return [link = std::weak_ptr<py::object>(link), event](TQBleManager&, const auto&,
+                                                          const std::optional<TQError>& e) {
+    const auto callable = link.lock();
+    if (!callable || !*callable) return;
+    call(*callable, event, e ? py::object(py::str(e->domain)) : py::object(py::none()));
+  };
 }
 
 }  // namespace
@@ -28,6 +39,16 @@ Client::Client(const ClientOptions& options) {
   }
   client_ = std::make_unique<ChargerClient>(options);
   clientOpen = true;
+  delegate_ = std::make_shared<TQBleManagerDelegate>();
+  delegate_->didDisconnectPeripheral = linkEvent(link_, "disconnected");
+  delegate_->didFailToConnectPeripheral = linkEvent(link_, "failed");
+  delegate_->didConnectPeripheral = [link = std::weak_ptr<py::object>(link_)](TQBleManager&,
+                                                                               const auto&) {
+    if (const auto callable = link.lock(); callable && *callable) {
+      call(*callable, "connected", py::none());
+    }
+  };
+  client_->setDelegate(delegate_);
 }
 
 Client::~Client() {
@@ -41,6 +62,7 @@ void Client::close() {
   client_.reset();
   waiting_->clear();
   *heard_ = py::object();
+  *link_ = py::object();
   clientOpen = false;
 }
 
@@ -63,7 +85,7 @@ Completion<T> Client::completion(py::function done) {
     const py::object done = std::move(found->second);
     table->erase(found);
     if (outcome.ok()) {
-      call(done, toPython(outcome.value()));
+      call(done, toPython(outcome.value()), py::none());
     } else {
       call(done, py::none(), toPython(outcome.error()));
     }
@@ -79,6 +101,14 @@ void Client::disconnect() {
   open().disconnect();
 }
 
+bool Client::linked() {
+  return client_ && client_->manager().connectedPheral() != nullptr;
+}
+
+void Client::onLink(py::function link) {
+  *link_ = std::move(link);
+}
+
 bool Client::ready() const {
   return client_ && client_->ready();
 }
@@ -91,11 +121,7 @@ void Client::scan(py::function heard) {
   *heard_ = std::move(heard);
   open().scan([heard = std::weak_ptr<py::object>(heard_)](const auto& peripheral, std::int64_t rssi) {
     if (const auto callable = heard.lock(); callable && *callable) {
-      try {
-        (*callable)(toPython(peripheral, rssi));
-      } catch (py::error_already_set& e) {
-        e.discard_as_unraisable("in a tqble scan callback");
-      }
+      call(*callable, toPython(peripheral, rssi));
     }
   });
 }

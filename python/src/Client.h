@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "tqble/TQBleManagerDelegate.h"
 #include "tqble/client/ChargerClient.h"
 
 namespace tqble::python {
@@ -39,6 +40,11 @@ class Client {
   void connect(const std::string& nameOrIdentifier, py::function done);
   void disconnect();
   bool ready() const;
+  /// Whether the manager holds a link (a disconnection is still to be reported).
+  bool linked();
+  /// Calls link(event, reason) as the manager reports the link: "connected", "disconnected"
+  /// or "failed", with the stack's reason text or None.
+  void onLink(py::function link);
   std::string radioNote() const;
   /// Calls heard(tqble.answers.Heard) for every advertisement until stopScan().
   void scan(py::function heard);
@@ -72,6 +78,8 @@ class Client {
   std::unique_ptr<ChargerClient> client_;
   std::shared_ptr<Waiting> waiting_ = std::make_shared<Waiting>();
   std::shared_ptr<py::object> heard_ = std::make_shared<py::object>();
+  std::shared_ptr<py::object> link_ = std::make_shared<py::object>();
+  std::shared_ptr<TQBleManagerDelegate> delegate_;
   std::uint64_t next_ = 0;
 };
 

@@ -49,6 +49,8 @@ void bindClient(py::module_& m) {
       .def("connect", &Client::connect, "name"_a, "done"_a)
       .def("disconnect", &Client::disconnect)
       .def_property_readonly("ready", &Client::ready)
+      .def_property_readonly("linked", &Client::linked)
+      .def("on_link", &Client::onLink, "link"_a)
       .def_property_readonly("radio_note", &Client::radioNote)
       .def("scan", &Client::scan, "heard"_a)
       .def("stop_scan", &Client::stopScan)

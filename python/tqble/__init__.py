@@ -13,7 +13,7 @@ simulated posts (and their faults) on the radio, ``tqble.blocking`` serves scrip
 asyncio. Failures raise the ``TQBleError`` subclasses of ``tqble.errors``.
 """
 
-from . import sim
+from . import blocking, sim
 from ._core import backends, use_backend
 from .answers import (Acknowledgement, ChargerState, ChargingSession, Diagnostics,
                       ErrorLogEntry, Heard, SystemInfo)
@@ -23,7 +23,7 @@ from .errors import (ClientInUseError, ConnectFailedError, LinkLostError,
                      RequestTimeoutError, TQBleError, WriteFailedError)
 
 __all__ = [
-    "connect", "scan", "discover", "Post", "use_backend", "backends", "sim",
+    "connect", "scan", "discover", "Post", "use_backend", "backends", "sim", "blocking",
     "Acknowledgement", "ChargerState", "ChargingSession", "Diagnostics", "ErrorLogEntry",
     "Heard", "SystemInfo",
     "TQBleError", "NotConnectedError", "WriteFailedError", "RequestTimeoutError",

@@ -14,6 +14,9 @@ from .answers import (Acknowledgement, ChargerState, ChargingSession, Diagnostic
 
 __all__ = ["Post", "connect", "scan", "discover"]
 
+# How long closing waits for the radio to report the link closed, in seconds.
+_CLOSE_TIMEOUT = 2.0
+
 
 def _open(connect_timeout: Any = 10.0, request_timeout: Any = 5.0, reconnect_attempts: Any = 0,
           reconnect_delay: Any = 1.0) -> _core.Client:
@@ -107,9 +110,19 @@ class Post:
         return await ask(self._core.reserve, start.hour, start.minute, end.hour, end.minute)
 
     async def close(self) -> None:
-        """Closes the link; requests still waiting raise NotConnectedError."""
+        """Closes the link; requests still waiting raise NotConnectedError. Returns once
+        the radio has reported the link closed (at most 2 s), so that a link opened next
+        does not hear this one's end."""
         if self._driver is None:
             return
+        if self._core.linked:
+            closed = asyncio.get_running_loop().create_future()
+            self._core.on_link(lambda event, reason: closed.done() or closed.set_result(event))
+            self._core.disconnect()
+            try:
+                await asyncio.wait_for(closed, _CLOSE_TIMEOUT)
+            except asyncio.TimeoutError:
+                pass
         self._core.close()
         self._driver.close()
         self._driver = None
