@@ -55,10 +55,12 @@ demo: configure
 
 bench: setup
 	@$(RELEASE)
-	@cmake --build build-release -j $(JOBS) --target tqble_bench
+	@cmake --build build-release -j $(JOBS) --target tqble_bench tqble_python
 	@build-release/bench/tqble_bench
+	@TQBLE_LOG=off PYTHONPATH=build-release/python /usr/bin/python3 python/bench/state_request.py \
+	  build-release/bench/tqble_bench
 
-# Debian packages libtqble1, libtqble-dev and tqble in build-release/.
+# Debian packages libtqble1, libtqble-dev, tqble and python3-tqble in build-release/.
 package: setup
 	@$(RELEASE)
 	@cmake --build build-release -j $(JOBS)
@@ -72,10 +74,10 @@ check-fresh:
 fuzz: setup
 	@FUZZ_SECONDS=$(FUZZ_SECONDS) JOBS=$(JOBS) ./scripts/fuzz.sh
 
-# Every test under valgrind (slow): a plain Debug build in build-memcheck. Three examples
-# and the CLI's client commands wait for answers in real time, and valgrind's slowdown
-# outlasts their time-outs: they are left to `make test`.
-REAL_TIME_TESTS = ^(Examples\.(read_state|charging_session|export_history)|CommandLineTool\.(Asks|Watches))
+# Every test under valgrind (slow): a plain Debug build in build-memcheck. Three examples,
+# the CLI's client commands and the Python suites wait for answers in real time, and
+# valgrind's slowdown outlasts their time-outs: they are left to `make test`.
+REAL_TIME_TESTS = ^(Examples\.(read_state|charging_session|export_history)|CommandLineTool\.(Asks|Watches)|Python\.)
 memcheck: setup
 	@cmake -S . -B build-memcheck -DCMAKE_BUILD_TYPE=Debug -DTQBLE_BUILD_BENCH=OFF >/dev/null
 	@cmake --build build-memcheck -j $(JOBS)

@@ -40,10 +40,12 @@ async def test_closing_ends_a_waiting_request_as_not_connected(sim_post):
 
 async def test_a_link_lost_mid_answer_fails_the_request_and_later_ones(sim_post):
     async with tqble.connect(sim_post.name) as post:
+        events = []
+        post.on_link(lambda event, reason: events.append(event))
         sim_post.faults.drop_link_after = 1
         with pytest.raises(tqble.LinkLostError, match="went down"):
             await post.history()
-        assert not post.ready
+        assert not post.ready and events == ["disconnected"]
         with pytest.raises(tqble.NotConnectedError):
             await post.state()
 

@@ -40,6 +40,17 @@ class Post:
         self._core = core
         self._driver = driver
         self._heard = heard
+        self._listeners: List[Callable[[str, Optional[str]], None]] = []
+        core.on_link(self._link_event)
+
+    def _link_event(self, event: str, reason: Optional[str]) -> None:
+        for listener in list(self._listeners):
+            listener(event, reason)
+
+    def on_link(self, listener: Callable[[str, Optional[str]], None]) -> None:
+        """Calls listener(event, reason) as the radio reports the link: "connected" (a
+        reconnection), "disconnected" or "failed", with the stack's reason or None."""
+        self._listeners.append(listener)
 
     @property
     def name(self) -> str:
@@ -117,7 +128,7 @@ class Post:
             return
         if self._core.linked:
             closed = asyncio.get_running_loop().create_future()
-            self._core.on_link(lambda event, reason: closed.done() or closed.set_result(event))
+            self.on_link(lambda event, reason: closed.done() or closed.set_result(event))
             self._core.disconnect()
             try:
                 await asyncio.wait_for(closed, _CLOSE_TIMEOUT)
