@@ -6,10 +6,10 @@
 #include <stdexcept>
 
 #include "AnswerJson.h"
+#include "DecodedAnswer.h"
 #include "CommandCatalogue.h"
 #include "Subcommands.h"
-#include "protocol/Frame.h"
-#include "tqble/AnswerDecoding.h"
+#include "protocol/FrameChecks.h"
 #include "tqble/ZDataCoverTool.h"
 #include "tqble/platform/Log.h"
 
@@ -36,64 +36,18 @@ std::string byteText(std::uint8_t byte) {
   return "0x" + ZDataCoverTool::coverFromIntToHex(byte);
 }
 
-// Where the answer's header differs from what an answer to `request` carries; the manager
-// reads none of these fields, so a mismatch is only worth a note.
-Json headerWarnings(const Bytes& request, const Bytes& answer) {
-  Json warnings = Json::array();
-  if (answer.size() < protocol::kFrameHeaderLength) {
-    warnings.push_back("the answer has " + std::to_string(answer.size()) +
-                       " bytes, fewer than the 8 of a frame header");
-  }
-  if (!answer.empty() && answer[0] != request[0]) {
-    warnings.push_back("start byte is " + byteText(answer[0]) + ", not " + byteText(request[0]));
-  }
-  if (answer.size() > 1 && answer[1] != request[1]) {
-    warnings.push_back("command byte is " + byteText(answer[1]) + ", not " + byteText(request[1]));
-  }
-  if (answer.size() < protocol::kFrameHeaderLength) return warnings;
-  const std::size_t declared = answer[4] | std::size_t{answer[5]} << 8;
-  const std::size_t body = answer.size() - protocol::kFrameHeaderLength;
-  if (declared != body) {
-    warnings.push_back("length field says " + std::to_string(declared) + " body bytes, the answer has " +
-                       std::to_string(body));
-  }
-  if (const std::uint8_t expected = protocol::frameChecksum(answer, 0); answer[7] != expected) {
-    warnings.push_back("checksum is " + byteText(answer[7]) + ", not " + byteText(expected));
-  }
-  return warnings;
-}
-
+// The manager keeps results, states and system information: it expects this answer since
+// the command was issued, so dispatch the answer and read what the decoder stored.
 Json decodeAnswer(const Command& command, const Bytes& answer, TQBleManager& manager) {
-  switch (command.answer) {
-    case AnswerKind::History:
-      return toJson(decode::chargingHistory(answer));
-    case AnswerKind::Energy:
-      return toJson(CumulativeEnergy{decode::cumulativeEnergy(answer)});
-    case AnswerKind::ErrorLog:
-      return toJson(decode::errorLog(answer));
-    case AnswerKind::Diagnosis:
-      return toJson(decode::runningDiagnosis(answer));
-    case AnswerKind::Result:
-    case AnswerKind::ChargerState:
-    case AnswerKind::SystemInfo:
-      break;
-  }
-
-  // The manager keeps these: it expects this answer since the command was issued, so
-  // dispatch the answer and read what the decoder stored.
-  manager.analysisData(answer);
+  std::vector<ZRunStateModel> rows;
+  const bool kept = command.answer == AnswerKind::Result ||
+                    command.answer == AnswerKind::ChargerState ||
+                    command.answer == AnswerKind::SystemInfo;
+  if (kept) manager.analysisData(answer);
   if (command.answer == AnswerKind::SystemInfo) {
-    Json rows = Json::array();
-    for (const auto& row : manager.systemTitleArr()) {
-      rows.push_back(Json{{"title", text(row->title)}, {"content", text(row->content)}});
-    }
-    return rows;
+    for (const auto& row : manager.systemTitleArr()) rows.push_back(*row);
   }
-  const auto& model = manager.dataModel();
-  if (command.answer == AnswerKind::Result) {
-    return model->result ? Json{{"resultType", model->result->resultType}} : Json(nullptr);
-  }
-  return model->chargingData ? chargeFields(*model->chargingData) : Json(nullptr);
+  return decodedJson(command.answer, answer, kept ? manager.dataModel().get() : nullptr, rows);
 }
 
 }  // namespace
@@ -133,7 +87,7 @@ int runDecode(const std::vector<std::string>& args) {
     Json json{{"command", command->name},
               {"code", byteText(request[1])},
               {"bytes", spacedHex(answer)},
-              {"warnings", headerWarnings(request, answer)}};
+              {"warnings", protocol::headerWarnings(request, answer)}};
     json["answer"] = decodeAnswer(*command, answer, stack.manager());
     std::printf("%s\n", json.dump(2).c_str());
     return 0;

@@ -11,8 +11,11 @@ namespace tqble::cli {
 int runFrame(const std::vector<std::string>& args);
 /// `tqble decode <command> <hex>... [--log]`
 int runDecode(const std::vector<std::string>& args);
+/// `tqble capture FILE|- [--json] [--write-handle H --notify-handle H]`: a capture's conversation.
+int runCapture(const std::vector<std::string>& args);
 /// `tqble demo`: a scripted session against the virtual charging post.
 int runDemo(const std::vector<std::string>& args);
+// Asking a post (AskCommands.cpp).
 /// `tqble scan [--seconds N]`: the posts heard.
 int runScan(const std::vector<std::string>& args);
 /// `tqble run POST COMMAND [ARGUMENTS] [--table]`: one command's answer.
@@ -28,6 +31,9 @@ int runHistory(const std::vector<std::string>& args);
 extern const char kScanUsage[], kSurveyUsage[], kWatchUsage[], kHistoryUsage[];
 /// `tqble run`'s usage, with the command list.
 void printRunUsage(std::FILE* out);
+/// `tqble bridge CONFIG`: the configured posts on an MQTT broker.
+int runBridge(const std::vector<std::string>& args);
+// Serving a post (ServeCommand.cpp).
 /// `tqble post`: a virtual charging post served on a real adapter through bluetoothd.
 int runPost(const std::vector<std::string>& args);
 

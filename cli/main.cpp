@@ -17,8 +17,10 @@ constexpr char kUsage[] =
     "       tqble history POST [--csv]                    the charging sessions\n"
     "       tqble frame COMMAND [ARGUMENTS] [--status N] [--rand N] [--time SECONDS]\n"
     "       tqble decode COMMAND HEX... | - [--log]\n"
+    "       tqble capture FILE|- [--json] [--write-handle H --notify-handle H]\n"
     "       tqble demo [--quiet] [--backend NAME]\n"
     "       tqble post [--adapter hciN] [--name NAME] [--state S] [faults]\n"
+    "       tqble bridge CONFIG [--backend NAME] | --check CONFIG\n"
     "       tqble help [SUBCOMMAND] | --help | --version\n"
     "Commands that ask a post take --backend sim|bluez (sim: a simulated post, the default).\n"
     "Frames print as upper-case hex bytes separated by single spaces; 'tqble help SUBCOMMAND'\n"
@@ -35,8 +37,9 @@ constexpr Subcommand kSubcommands[] = {
     {"scan", tqble::cli::runScan},       {"run", tqble::cli::runRun},
     {"survey", tqble::cli::runSurvey},   {"watch", tqble::cli::runWatch},
     {"history", tqble::cli::runHistory}, {"frame", tqble::cli::runFrame},
-    {"decode", tqble::cli::runDecode},   {"demo", tqble::cli::runDemo},
-    {"post", tqble::cli::runPost},
+    {"decode", tqble::cli::runDecode},   {"capture", tqble::cli::runCapture},
+    {"demo", tqble::cli::runDemo},       {"post", tqble::cli::runPost},
+    {"bridge", tqble::cli::runBridge},
 };
 
 // `tqble help NAME`: the subcommand's own --help, on stdout.

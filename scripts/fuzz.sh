@@ -12,7 +12,7 @@ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=cl
       -DTQBLE_BLUEZ=OFF >/dev/null
 cmake --build "$build" -j "$jobs" --target fuzzers
 mkdir -p "$build/artifacts"
-for name in decoders reception data_cover text_parsers; do
+for name in decoders reception data_cover text_parsers capture; do
   corpus="$build/corpus/$name" log="$build/fuzz-$name.log"
   mkdir -p "$corpus"
   echo "== fuzz_$name for ${seconds}s"

@@ -114,7 +114,11 @@ TEST(CommandLineTool, AsksTheSimulatedPostThroughTheClient) {
 }
 
 TEST(CommandLineTool, WatchesTheStateUntilInterrupted) {
-  const auto [status, out, err] = shell("$TQBLE watch - --every 0.5 & pid=$!; sleep 4.5; kill -INT $pid; wait $pid");
+  // Interrupted once two states are out (waited for, at most 60 s), never after a fixed time.
+  const auto [status, out, err] = shell(
+      "f=$(mktemp); $TQBLE watch - --every 0.5 >$f & pid=$!; i=0;"
+      "while [ $(wc -l <$f) -lt 2 ] && [ $i -lt 1200 ]; do sleep 0.05; i=$((i+1)); done;"
+      "kill -INT $pid; wait $pid; s=$?; cat $f; rm $f; exit $s");
   EXPECT_EQ(status, 0) << err;
   EXPECT_EQ(err, "");
   EXPECT_GE(std::count(out.begin(), out.end(), '\n'), 2) << out;

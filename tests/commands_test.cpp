@@ -52,35 +52,25 @@ class Command : public testing::TestWithParam<CommandRow> {
   void TearDown() override { detail::setNowSource(nullptr); }
 };
 
-TEST_P(Command, WritesItsExactFrameAndRecordsItsTag) {
+// Then once more with the status and seed properties set (the system query ignores them),
+// and over a gathering buffer that only some commands clear.
+TEST_P(Command, WritesItsExactFrameRecordsItsTagAndClearsTheBufferOnlyWhereItMust) {
   FakeStack stack;
   auto post = stack.connectReadyPost();
   const auto& c = GetParam();
   int failures = 0;
   c.issue(*stack.manager, [&](const TQError&) { ++failures; });
-  EXPECT_EQ(failures, 0);
-  EXPECT_EQ(stack.manager->cmdType(), c.tag);
-  ASSERT_EQ(post->writes.size(), 1u);
-  EXPECT_EQ(spaced(post->writes[0].data), spaced(hex(c.frame)));
-  EXPECT_EQ(post->writes[0].type, ble::WriteType::WithoutResponse);
-}
-
-TEST_P(Command, CarriesStatusAndSeedPropertiesExceptTheSystemQuery) {
-  FakeStack stack;
-  auto post = stack.connectReadyPost();
   stack.manager->setStatusCode(0x07);
   stack.manager->setRand(0x5A);
-  GetParam().issue(*stack.manager, nullptr);
-  ASSERT_EQ(post->writes.size(), 1u);
-  EXPECT_EQ(spaced(post->writes[0].data), spaced(hex(GetParam().seededFrame)));
-}
-
-TEST_P(Command, ClearsTheReassemblyBufferOnlyWhereItMust) {
-  FakeStack stack;
-  stack.connectReadyPost();
   stack.manager->systemInfoData() = hex("68 b1 00");
-  GetParam().issue(*stack.manager, nullptr);
-  EXPECT_EQ(stack.manager->systemInfoData().empty(), GetParam().clearsBuffer);
+  c.issue(*stack.manager, nullptr);
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(stack.manager->cmdType(), c.tag);
+  EXPECT_EQ(stack.manager->systemInfoData().empty(), c.clearsBuffer);
+  ASSERT_EQ(post->writes.size(), 2u);
+  EXPECT_EQ(spaced(post->writes[0].data), spaced(hex(c.frame)));
+  EXPECT_EQ(spaced(post->writes[1].data), spaced(hex(c.seededFrame)));
+  EXPECT_EQ(post->writes[0].type, ble::WriteType::WithoutResponse);
 }
 
 TEST_P(Command, FailsLocallyOnceWithItsTagAlreadyRecorded) {

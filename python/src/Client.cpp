@@ -1,7 +1,6 @@
 #include "Client.h"
 
 #include "Answers.h"
-#include "tqble/platform/MainQueue.h"
 
 namespace tqble::python {
 namespace {
@@ -92,9 +91,9 @@ Completion<T> Client::completion(py::function done) {
   };
 }
 
-void Client::connect(const std::string& nameOrIdentifier, py::function done) {
+RequestHandle Client::connect(const std::string& nameOrIdentifier, py::function done) {
   auto finish = completion<ChargerClient::PeripheralPtr>(std::move(done));
-  open().connect(nameOrIdentifier, std::move(finish));
+  return open().connect(nameOrIdentifier, std::move(finish));
 }
 
 void Client::disconnect() {
@@ -131,69 +130,63 @@ void Client::stopScan() {
   *heard_ = py::object();
 }
 
-void Client::synchroTime(py::function done) {
-  open().synchroTime(completion<SettingResult>(std::move(done)));
+RequestHandle Client::synchroTime(py::function done) {
+  return open().synchroTime(completion<SettingResult>(std::move(done)));
 }
 
-void Client::querySystemInfo(py::function done) {
-  open().querySystemInfo(completion<SystemInfo>(std::move(done)));
+RequestHandle Client::querySystemInfo(py::function done) {
+  return open().querySystemInfo(completion<SystemInfo>(std::move(done)));
 }
 
-void Client::setVolume(std::int64_t volume, py::function done) {
+RequestHandle Client::setVolume(std::int64_t volume, py::function done) {
   if (volume < 0 || volume > 100) throw py::value_error("volume must be 0-100, not " + std::to_string(volume));
-  open().setVolume(volume, completion<SettingResult>(std::move(done)));
+  return open().setVolume(volume, completion<SettingResult>(std::move(done)));
 }
 
-void Client::reserve(std::int64_t startHour, std::int64_t startMinute, std::int64_t endHour,
+RequestHandle Client::reserve(std::int64_t startHour, std::int64_t startMinute, std::int64_t endHour,
                      std::int64_t endMinute, py::function done) {
-  open().reserve(startHour, startMinute, endHour, endMinute,
+  return open().reserve(startHour, startMinute, endHour, endMinute,
                  completion<SettingResult>(std::move(done)));
 }
 
-void Client::startCharging(py::function done) {
-  open().startCharging(completion<SettingResult>(std::move(done)));
+RequestHandle Client::startCharging(py::function done) {
+  return open().startCharging(completion<SettingResult>(std::move(done)));
 }
 
-void Client::stopCharging(py::function done) {
-  open().stopCharging(completion<SettingResult>(std::move(done)));
+RequestHandle Client::stopCharging(py::function done) {
+  return open().stopCharging(completion<SettingResult>(std::move(done)));
 }
 
-void Client::queryChargerState(py::function done) {
-  open().queryChargerState(completion<ChargerState>(std::move(done)));
+RequestHandle Client::queryChargerState(py::function done) {
+  return open().queryChargerState(completion<ChargerState>(std::move(done)));
 }
 
-void Client::queryChargingData(py::function done) {
-  open().queryChargingData(completion<ChargerState>(std::move(done)));
+RequestHandle Client::queryChargingData(py::function done) {
+  return open().queryChargingData(completion<ChargerState>(std::move(done)));
 }
 
-void Client::queryHistory(py::function done) {
-  open().queryHistory(completion<ChargingHistory>(std::move(done)));
+RequestHandle Client::queryHistory(py::function done) {
+  return open().queryHistory(completion<ChargingHistory>(std::move(done)));
 }
 
-void Client::queryCumulativeEnergy(py::function done) {
-  open().queryCumulativeEnergy(completion<CumulativeEnergy>(std::move(done)));
+RequestHandle Client::queryCumulativeEnergy(py::function done) {
+  return open().queryCumulativeEnergy(completion<CumulativeEnergy>(std::move(done)));
 }
 
-void Client::queryErrorLog(py::function done) {
-  open().queryErrorLog(completion<ErrorLog>(std::move(done)));
+RequestHandle Client::queryErrorLog(py::function done) {
+  return open().queryErrorLog(completion<ErrorLog>(std::move(done)));
 }
 
-void Client::queryDiagnostics(py::function done) {
-  open().queryDiagnostics(completion<TQBleRunDiagnosticInfo>(std::move(done)));
+RequestHandle Client::queryDiagnostics(py::function done) {
+  return open().queryDiagnostics(completion<Diagnostics>(std::move(done)));
 }
 
 int Client::eventFd() {
-  open();
-  return -1;  // until the main queue offers its descriptor: the host loop polls
+  return open().eventFd();
 }
 
 std::size_t Client::dispatch() {
-  open();
-  try {
-    return MainQueue::main().runUntilIdle();
-  } catch (const std::out_of_range& range) {
-    return 1;
-  }
+  return open().dispatch();
 }
 
 }  // namespace tqble::python

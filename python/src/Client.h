@@ -1,7 +1,8 @@
 #pragma once
 
 // The client as Python sees it: one ChargerClient per process, each request's outcome
-// handed to a Python callable `done(value, error)` on the main queue. Nothing queued on
+// handed to a Python callable `done(value, error)` on the main queue, each request
+// returning its handle (cancel, own time-out). Nothing queued on
 // the main queue holds a Python object: a completion keeps only the request's number and
 // a weak reference to the table of waiting callables, which the client owns.
 
@@ -37,7 +38,7 @@ class Client {
   /// Ends the link and every request (NotConnected), then releases the client.
   void close();
 
-  void connect(const std::string& nameOrIdentifier, py::function done);
+  RequestHandle connect(const std::string& nameOrIdentifier, py::function done);
   void disconnect();
   bool ready() const;
   /// Whether the manager holds a link (a disconnection is still to be reported).
@@ -50,19 +51,19 @@ class Client {
   void scan(py::function heard);
   void stopScan();
 
-  void synchroTime(py::function done);
-  void querySystemInfo(py::function done);
-  void setVolume(std::int64_t volume, py::function done);
-  void reserve(std::int64_t startHour, std::int64_t startMinute, std::int64_t endHour,
+  RequestHandle synchroTime(py::function done);
+  RequestHandle querySystemInfo(py::function done);
+  RequestHandle setVolume(std::int64_t volume, py::function done);
+  RequestHandle reserve(std::int64_t startHour, std::int64_t startMinute, std::int64_t endHour,
                std::int64_t endMinute, py::function done);
-  void startCharging(py::function done);
-  void stopCharging(py::function done);
-  void queryChargerState(py::function done);
-  void queryChargingData(py::function done);
-  void queryHistory(py::function done);
-  void queryCumulativeEnergy(py::function done);
-  void queryErrorLog(py::function done);
-  void queryDiagnostics(py::function done);
+  RequestHandle startCharging(py::function done);
+  RequestHandle stopCharging(py::function done);
+  RequestHandle queryChargerState(py::function done);
+  RequestHandle queryChargingData(py::function done);
+  RequestHandle queryHistory(py::function done);
+  RequestHandle queryCumulativeEnergy(py::function done);
+  RequestHandle queryErrorLog(py::function done);
+  RequestHandle queryDiagnostics(py::function done);
 
   /// The main queue's descriptor for the host loop.
   int eventFd();

@@ -3,6 +3,7 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include "Answers.h"
 #include "Client.h"
 #include "tqble/TQBleManager.h"
 #include "tqble/ble/CentralManager.h"
@@ -35,7 +36,14 @@ void bindClient(py::module_& m) {
       .value("LINK_LOST", ClientErrorKind::LinkLost)
       .value("MALFORMED", ClientErrorKind::Malformed)
       .value("CONNECT_FAILED", ClientErrorKind::ConnectFailed)
-      .value("NOT_FOUND", ClientErrorKind::NotFound);
+      .value("NOT_FOUND", ClientErrorKind::NotFound)
+      .value("CANCELLED", ClientErrorKind::Cancelled);
+
+  py::class_<RequestHandle>(m, "Request", "A request under way: cancel it or give it its own time-out.")
+      .def("cancel", &RequestHandle::cancel, "Ends the request as cancelled unless it has ended.")
+      .def("set_timeout", &RequestHandle::setTimeout, "timeout"_a,
+           "Its own time-out, counted from its write (or from now if it runs).")
+      .def_property_readonly("ended", &RequestHandle::ended);
 
   py::class_<Client>(m, "Client", "The process's one client; outcomes arrive as done(value, error).")
       .def(py::init([](std::chrono::milliseconds connectTimeout,
@@ -82,6 +90,7 @@ PYBIND11_MODULE(_core, m) {
   m.def("use_backend", &useBackend, "name"_a,
         "Chooses the radio backend ('sim' or 'bluez') before the first client opens.");
   m.def("backends", &tqble::ble::backendNames, "The backends built into this SDK.");
+  bindEnums(m);
   bindClient(m);
   bindSim(m);
 }

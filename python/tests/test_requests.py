@@ -42,20 +42,28 @@ async def test_start_and_stop_follow_the_gun(post, sim_post):
     assert (await post.start()).accepted
     assert sim_post.gun_state == GunState.CHARGING
     state = await post.charging_data()
-    assert state.current_a > 0 and state.voltage_v > 0 and not state.in_fault
+    assert state.gun_state == tqble.GunState.CHARGING and state.fault is None
+    assert state.current_a > 0 and state.voltage_v > 0
     assert (await post.stop()).accepted
-    assert sim_post.gun_state == GunState.FINISHED
+    assert (await post.state()).gun_state == tqble.GunState.FINISHED
 
 
 async def test_the_volume_set_is_the_volume_read_back(post):
     assert (await post.set_volume(37)).accepted
-    assert "37" in dict((await post.system_info()).rows).values()
+    assert (await post.system_info()).volume == 37
+
+
+async def test_times_are_utc_and_sessions_last_from_start_to_end(post):
+    sessions = await post.history()
+    for s in sessions:
+        assert s.start.tzinfo is datetime.timezone.utc and s.end - s.start == s.duration
+    assert all(e.time.tzinfo is datetime.timezone.utc for e in await post.error_log())
 
 
 @pytest.mark.parametrize("code", list(FaultCode.__members__.values()))
-async def test_a_post_in_fault_answers_the_state_as_a_fault(post, sim_post, code):
+async def test_a_post_in_fault_answers_the_state_with_its_fault(post, sim_post, code):
     sim_post.raise_fault(code)
     state = await post.state()
-    assert state.in_fault and state.fault
+    assert state.gun_state == tqble.GunState.FAULT and state.fault.kind.name == code.name
     sim_post.clear_fault()
-    assert not (await post.state()).in_fault
+    assert (await post.state()).fault is None

@@ -15,18 +15,20 @@ asyncio. Failures raise the ``TQBleError`` subclasses of ``tqble.errors``.
 
 from . import blocking, sim
 from ._core import backends, use_backend
-from .answers import (Acknowledgement, ChargerState, ChargingSession, Diagnostics,
-                      ErrorLogEntry, Heard, SystemInfo)
+from .answers import (Acknowledgement, ChargeStage, ChargerState, ChargingMode,
+                      ChargingSession, Diagnostics, ErrorLogEntry, Fault, FaultKind, GunState,
+                      Heard, NetworkState, PostType, SystemInfo)
 from .client import Post, connect, discover, scan
 from .errors import (ClientInUseError, ConnectFailedError, LinkLostError,
                      MalformedAnswerError, NotConnectedError, PostNotFoundError,
-                     RequestTimeoutError, TQBleError, WriteFailedError)
+                     RequestCancelledError, RequestTimeoutError, TQBleError, WriteFailedError)
 
 __all__ = [
     "connect", "scan", "discover", "Post", "use_backend", "backends", "sim", "blocking",
     "Acknowledgement", "ChargerState", "ChargingSession", "Diagnostics", "ErrorLogEntry",
-    "Heard", "SystemInfo",
+    "Fault", "Heard", "SystemInfo", "GunState", "FaultKind", "PostType", "ChargingMode",
+    "ChargeStage", "NetworkState",
     "TQBleError", "NotConnectedError", "WriteFailedError", "RequestTimeoutError",
     "LinkLostError", "MalformedAnswerError", "ConnectFailedError", "PostNotFoundError",
-    "ClientInUseError",
+    "RequestCancelledError", "ClientInUseError",
 ]

@@ -5,7 +5,7 @@ from __future__ import annotations
 
 import asyncio
 import numbers
-from typing import Any, Callable
+from typing import Any, Callable, Optional
 
 from . import _core
 
@@ -14,32 +14,24 @@ class Driver:
     """Runs the client's due work whenever its descriptor polls readable."""
 
     def __init__(self, core: _core.Client, loop: asyncio.AbstractEventLoop) -> None:
-        self._core = core
         self._loop = loop
         self._fd = core.event_fd()
-        self._tick: asyncio.TimerHandle | None = None
-        if self._fd >= 0:
-            loop.add_reader(self._fd, core.dispatch)
-        else:
-            self._poll()
-
-    def _poll(self) -> None:
-        self._core.dispatch()
-        self._tick = self._loop.call_later(0.001, self._poll)
+        loop.add_reader(self._fd, core.dispatch)
 
     def close(self) -> None:
         """Stops driving (the client's own closing work runs before)."""
-        if self._fd >= 0:
-            self._loop.remove_reader(self._fd)
-        elif self._tick is not None:
-            self._tick.cancel()
+        self._loop.remove_reader(self._fd)
 
 
-async def ask(start: Callable[..., None], *args: Any) -> Any:
-    """Starts one client step and waits for its outcome; cancelling the wait drops it."""
+async def ask(start: Callable[..., _core.Request], *args: Any,
+              timeout: Optional[float] = None) -> Any:
+    """Starts one client step and waits for its outcome, within `timeout` seconds when
+    given (else the link's request time-out); cancelling the wait cancels the step."""
+    if timeout is not None:
+        timeout = seconds("timeout", timeout)
     future = asyncio.get_running_loop().create_future()
 
-    def done(value: Any, error: BaseException | None) -> None:
+    def done(value: Any, error: Optional[BaseException]) -> None:
         if future.done():
             return
         if error is not None:
@@ -47,8 +39,14 @@ async def ask(start: Callable[..., None], *args: Any) -> Any:
         else:
             future.set_result(value)
 
-    start(*args, done)
-    return await future
+    request = start(*args, done)
+    if timeout is not None:
+        request.set_timeout(timeout)
+    try:
+        return await future
+    except asyncio.CancelledError:
+        request.cancel()
+        raise
 
 
 def seconds(name: str, value: Any) -> float:

@@ -1,11 +1,18 @@
-"""What a post answers, in Python terms: quantities in named units (volts, amperes,
-kilowatt-hours) and durations as ``datetime.timedelta``."""
+"""What a post answers, in Python terms: codes as ``enum.Enum`` members (the raw code kept
+beside them), quantities in named units (volts, amperes, kilowatt-hours), durations as
+``datetime.timedelta`` and times as ``datetime`` in UTC."""
 
 from __future__ import annotations
 
 import datetime
-from dataclasses import dataclass, field
-from typing import List, Optional, Tuple
+from dataclasses import dataclass
+from typing import Optional
+
+from ._core import ChargeStage, ChargingMode, FaultKind, GunState, NetworkState, PostType
+
+__all__ = ["Heard", "Acknowledgement", "Fault", "SystemInfo", "ChargerState",
+           "ChargingSession", "ErrorLogEntry", "Diagnostics", "GunState", "FaultKind",
+           "PostType", "ChargingMode", "ChargeStage", "NetworkState"]
 
 
 @dataclass(frozen=True)
@@ -25,61 +32,81 @@ class Acknowledgement:
 
 
 @dataclass(frozen=True)
-class SystemInfo:
-    """The post's system information as (title, value) rows."""
+class Fault:
+    """What stopped the post, and the code it sent."""
 
-    rows: List[Tuple[str, str]] = field(default_factory=list)
+    kind: FaultKind
+    code: int
+
+
+@dataclass(frozen=True)
+class SystemInfo:
+    """Everything the post says about itself."""
+
+    post_number: str
+    type: PostType
+    type_code: int
+    manufacturer_code: int
+    manufacturer: str
+    magic_number: int
+    protocol_version: str
+    firmware_version: str
+    firmware_model: str
+    charging_mode: ChargingMode
+    volume: int
+    clock: datetime.datetime
+    gun_state: GunState
+    gun_code: int
 
 
 @dataclass(frozen=True)
 class ChargerState:
-    """The gun's state and, while charging, the running session."""
+    """The gun and, while charging, the session so far; in a fault answer, the fault."""
 
-    gun_status: Optional[str]
-    fault: Optional[str]
-    serial_number: Optional[str]
+    gun_state: GunState
+    gun_code: int
+    fault: Optional[Fault]
+    serial_number: str
     energy_kwh: float
     voltage_v: float
     current_a: float
     duration: datetime.timedelta
 
-    @property
-    def in_fault(self) -> bool:
-        """Whether the post answered with a fault."""
-        return self.fault is not None
-
 
 @dataclass(frozen=True)
 class ChargingSession:
-    """One finished charging session; start and end as the post's local date text."""
+    """One finished charging session."""
 
-    serial_number: Optional[str]
+    serial: int
     energy_kwh: float
+    start: datetime.datetime
+    end: datetime.datetime
     duration: datetime.timedelta
-    start: Optional[str]
-    end: Optional[str]
 
 
 @dataclass(frozen=True)
 class ErrorLogEntry:
-    """One entry of the post's error log."""
+    """One entry of the post's error log: the code and, when it is one, the fault it means."""
 
-    date: Optional[str]
+    time: datetime.datetime
     code: int
+    kind: Optional[FaultKind]
 
 
 @dataclass(frozen=True)
 class Diagnostics:
-    """The running diagnostics, as texts with their units."""
+    """The running diagnostics."""
 
-    start_mode: int
-    version: Optional[str]
-    ammeter: Optional[str]
-    start_time: Optional[str]
-    charge_state: Optional[str]
-    voltage: Optional[str]
-    current: Optional[str]
-    errors: Optional[str]
-    network: Optional[str]
-    screen: Optional[str]
-    lock: Optional[str]
+    stage: ChargeStage
+    stage_code: int
+    fault: Optional[Fault]
+    supply_v: float
+    rated_a: Optional[float]
+    network: NetworkState
+    network_code: int
+    meter_ok: bool
+    screen_ok: bool
+    gun_locked: bool
+    start_mode: Optional[ChargingMode]
+    start_time: datetime.timedelta
+    firmware_version: str

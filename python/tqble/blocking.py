@@ -50,8 +50,8 @@ class BlockingPost:
 
 def _blocking(name: str, request: Any) -> Any:
     @functools.wraps(request)
-    def call(self: BlockingPost, *args: Any) -> Any:
-        return self._loop.run_until_complete(getattr(self._post, name)(*args))
+    def call(self: BlockingPost, *args: Any, **options: Any) -> Any:
+        return self._loop.run_until_complete(getattr(self._post, name)(*args, **options))
     return call
 
 

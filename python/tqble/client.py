@@ -33,8 +33,9 @@ def _open(connect_timeout: Any = 10.0, request_timeout: Any = 5.0, reconnect_att
 
 class Post:
     """An open link to one charging post. Requests are answered one at a time, in the
-    order asked; each raises a ``tqble.TQBleError`` when it fails, and cancelling the
-    task that awaits one drops its answer."""
+    order asked; each raises a ``tqble.TQBleError`` when it fails, takes its own
+    ``timeout`` in seconds (else the link's ``request_timeout``), and is cancelled with the
+    task that awaits it."""
 
     def __init__(self, core: _core.Client, driver: Driver, heard: Heard) -> None:
         self._core = core
@@ -67,58 +68,60 @@ class Post:
         """Whether the link is up and ready for requests."""
         return self._core.ready
 
-    async def state(self) -> ChargerState:
+    async def state(self, *, timeout: Optional[float] = None) -> ChargerState:
         """The charger state: the gun and, while charging, the session so far."""
-        return await ask(self._core.state)
+        return await ask(self._core.state, timeout=timeout)
 
-    async def charging_data(self) -> ChargerState:
+    async def charging_data(self, *, timeout: Optional[float] = None) -> ChargerState:
         """The live charging data (the state request, read as the state answer)."""
-        return await ask(self._core.charging_data)
+        return await ask(self._core.charging_data, timeout=timeout)
 
-    async def system_info(self) -> SystemInfo:
+    async def system_info(self, *, timeout: Optional[float] = None) -> SystemInfo:
         """The post's system information."""
-        return await ask(self._core.system_info)
+        return await ask(self._core.system_info, timeout=timeout)
 
-    async def history(self) -> List[ChargingSession]:
+    async def history(self, *, timeout: Optional[float] = None) -> List[ChargingSession]:
         """The finished charging sessions."""
-        return await ask(self._core.history)
+        return await ask(self._core.history, timeout=timeout)
 
-    async def energy(self) -> float:
+    async def energy(self, *, timeout: Optional[float] = None) -> float:
         """The energy delivered over the post's life, in kWh."""
-        return await ask(self._core.energy)
+        return await ask(self._core.energy, timeout=timeout)
 
-    async def error_log(self) -> List[ErrorLogEntry]:
+    async def error_log(self, *, timeout: Optional[float] = None) -> List[ErrorLogEntry]:
         """The post's error log."""
-        return await ask(self._core.error_log)
+        return await ask(self._core.error_log, timeout=timeout)
 
-    async def diagnostics(self) -> Diagnostics:
+    async def diagnostics(self, *, timeout: Optional[float] = None) -> Diagnostics:
         """The running diagnostics."""
-        return await ask(self._core.diagnostics)
+        return await ask(self._core.diagnostics, timeout=timeout)
 
-    async def start(self) -> Acknowledgement:
+    async def start(self, *, timeout: Optional[float] = None) -> Acknowledgement:
         """Starts charging; the post refuses unless a car is plugged in."""
-        return await ask(self._core.start)
+        return await ask(self._core.start, timeout=timeout)
 
-    async def stop(self) -> Acknowledgement:
+    async def stop(self, *, timeout: Optional[float] = None) -> Acknowledgement:
         """Stops charging."""
-        return await ask(self._core.stop)
+        return await ask(self._core.stop, timeout=timeout)
 
-    async def sync_time(self) -> Acknowledgement:
+    async def sync_time(self, *, timeout: Optional[float] = None) -> Acknowledgement:
         """Sets the post's clock to now."""
-        return await ask(self._core.sync_time)
+        return await ask(self._core.sync_time, timeout=timeout)
 
-    async def set_volume(self, volume: int) -> Acknowledgement:
+    async def set_volume(self, volume: int, *, timeout: Optional[float] = None) -> Acknowledgement:
         """Sets the speaker volume, 0-100 (ValueError outside, TypeError for a non-int)."""
         if isinstance(volume, bool) or not isinstance(volume, int):
             raise TypeError(f"volume must be an int, not {type(volume).__name__}")
-        return await ask(self._core.set_volume, volume)
+        return await ask(self._core.set_volume, volume, timeout=timeout)
 
-    async def reserve(self, start: datetime.time, end: datetime.time) -> Acknowledgement:
+    async def reserve(self, start: datetime.time, end: datetime.time, *,
+                      timeout: Optional[float] = None) -> Acknowledgement:
         """Reserves a daily charging period from `start` to `end` (hours and minutes)."""
         for name, value in (("start", start), ("end", end)):
             if not isinstance(value, datetime.time):
                 raise TypeError(f"{name} must be a datetime.time, not {type(value).__name__}")
-        return await ask(self._core.reserve, start.hour, start.minute, end.hour, end.minute)
+        return await ask(self._core.reserve, start.hour, start.minute, end.hour, end.minute,
+                         timeout=timeout)
 
     async def close(self) -> None:
         """Closes the link; requests still waiting raise NotConnectedError. Returns once

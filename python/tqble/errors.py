@@ -7,7 +7,7 @@ from ._core import ClientInUseError, ErrorKind
 __all__ = [
     "TQBleError", "NotConnectedError", "WriteFailedError", "RequestTimeoutError",
     "LinkLostError", "MalformedAnswerError", "ConnectFailedError", "PostNotFoundError",
-    "ClientInUseError", "from_kind",
+    "RequestCancelledError", "ClientInUseError", "from_kind",
 ]
 
 
@@ -62,6 +62,13 @@ class PostNotFoundError(TQBleError, LookupError):
     """No post with the name or identifier asked for was heard in time."""
 
     kind = ErrorKind.NOT_FOUND
+
+
+class RequestCancelledError(TQBleError):
+    """The request was cancelled (an awaiting task that is cancelled raises
+    asyncio.CancelledError instead)."""
+
+    kind = ErrorKind.CANCELLED
 
 
 _BY_KIND = {cls.kind: cls for cls in TQBleError.__subclasses__()}

@@ -91,10 +91,19 @@ say "stack ready at $(uptime_s) s (btvirt starts: $attempt)"
 
 passed=0; failed=0
 for s in $("$BUILD/tests/radio/tqble_radio" --list); do
+  # The command scenario is recorded on its own and kept in the build folder (run.sh).
+  if [ "$s" = commands ]; then
+    btmon -w /run/commands.btsnoop >/dev/null 2>&1 & recorder=$!
+    wait_for 50 test -s /run/commands.btsnoop
+  fi
   t0=$(uptime_s)
   RADIO_CTL="$0 ctl" TQBLE_BACKEND=bluez TQBLE_BLUEZ_ADAPTER=hci1 \
     timeout 90 "$BUILD/tests/radio/tqble_radio" "$s" >/run/scenario.log 2>&1
   rc=$?
+  if [ "$s" = commands ]; then
+    kill $recorder; wait $recorder 2>/dev/null
+    base64 -w 76 /run/commands.btsnoop | sed 's/^/capture: /'
+  fi
   took=$(echo "$(uptime_s) $t0" | awk '{printf "%.1f", $1 - $2}')
   if [ $rc -eq 0 ]; then
     passed=$((passed + 1)); say "ok    $s ($took s) $(tail -1 /run/scenario.log)"

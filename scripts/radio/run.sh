@@ -69,6 +69,9 @@ if grep -q '^radio: bring-up failed' "$WORK/boot-$attempt.log"; then
   boot $attempt
 fi
 log=$WORK/boot-$attempt.log
+# The command scenario's btsnoop capture, sent by the guest over the console.
+grep -a '^capture: ' "$log" | cut -c10- | base64 -d >"$WORK/commands.btsnoop" 2>/dev/null \
+  && [ -s "$WORK/commands.btsnoop" ] && echo "radio: capture of the command scenario: $WORK/commands.btsnoop"
 echo "radio: $(( $(date +%s) - started )) s in all (logs in $WORK)"
 summary=$(grep -a '^radio: summary' "$log" | tail -1 || true)
 [ -n "$summary" ] || { echo "radio: the guest ended without a summary"; exit 1; }

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "protocol/Frame.h"
+#include "protocol/FrameAssembler.h"
 #include "tqble/AnswerDecoding.h"
 #include "tqble/ble/CentralManager.h"
 #include "tqble/platform/Log.h"
@@ -20,8 +21,13 @@ using namespace protocol;  // command codes
 
 // The manager asks for the system information this long after each connection.
 constexpr auto kAutoQueryDelay = 3s;
-// Pending-command tags the manager records (and its answer observer reports).
+// Requests are not written this close before that query, so that none is still waiting
+// for its answer when the query goes out.
+constexpr auto kQuietBeforeAutoQuery = 250ms;
+// Pending-command tags the manager records.
 constexpr std::int64_t kSystemInfoTag = 2;
+// The manager's system-information rows: it appends the ten again on every answer.
+constexpr std::size_t kInfoRows = 10;
 
 ClientError error(ClientErrorKind kind, std::string message, std::int64_t code = 0) {
   return ClientError{kind, code, std::move(message)};
@@ -52,22 +58,23 @@ const char* describe(ClientErrorKind kind) {
       return "connection failed";
     case ClientErrorKind::NotFound:
       return "post not found";
+    case ClientErrorKind::Cancelled:
+      return "cancelled";
   }
   return "error";
 }
 
 ChargerClient::ChargerClient(ClientOptions options)
-    : options_(options), manager_(TQBleManager::shareManager()) {
+    : options_(options),
+      manager_(TQBleManager::shareManager()),
+      frames_(std::make_unique<protocol::FrameAssembler>()) {
   appDelegate_ = manager_->delegate();
   installDelegate();
   manager_->setDelegate(ownDelegate_);
-  observer_ = manager_->addAnswerObserver(
-      [this](std::int64_t tag, const Bytes& answer) { onAnswer(tag, answer); });
   onError_ = [](const ClientError& e) { TQLog("tqble client: %s", e.message.c_str()); };
 }
 
 ChargerClient::~ChargerClient() {
-  manager_->removeAnswerObserver(observer_);
   manager_->setDelegate(appDelegate_);
 }
 
@@ -89,7 +96,7 @@ void ChargerClient::installDelegate() {
   auto app = [this] { return appDelegate_.lock(); };
   ownDelegate_->tqbleManagerCenterState = [this, app](std::int64_t state) {
     if (auto d = app(); d && d->tqbleManagerCenterState) d->tqbleManagerCenterState(state);
-    if (state == ble::CentralManagerStatePoweredOn && scanWanted_) manager_->scanForPeripherals();
+    onRadioState(state);
   };
   ownDelegate_->didDiscoverPeripheral = [this, app](TQBleManager& m, const PeripheralPtr& p,
                                                     std::int64_t rssi) {
@@ -122,7 +129,7 @@ void ChargerClient::installDelegate() {
                   const std::optional<TQError>& e) {
         if (auto d = app(); d && d->didUpdateValueForCharacteristicValue)
           d->didUpdateValueForCharacteristicValue(m, model, e);
-        onUpdate();
+        onUpdate(e.has_value());
       };
   ownDelegate_->didWriteValueForCharacteristic =
       [app](TQBleManager& m, const std::shared_ptr<ble::Characteristic>& c,
@@ -163,16 +170,24 @@ bool ChargerClient::beginConnect(Completion<PeripheralPtr>& done) {
   return true;
 }
 
-void ChargerClient::connect(const PeripheralPtr& peripheral, Completion<PeripheralPtr> done) {
+Pending<ChargerClient::PeripheralPtr> ChargerClient::connect(const PeripheralPtr& peripheral,
+                                                              Completion<PeripheralPtr> done) {
+  Pending<PeripheralPtr> pending;
+  done = track(pending, 0, std::move(done));
   if (beginConnect(done)) startConnecting(peripheral);
+  return pending;
 }
 
-void ChargerClient::connect(const std::string& nameOrIdentifier, Completion<PeripheralPtr> done) {
-  if (!beginConnect(done)) return;
+Pending<ChargerClient::PeripheralPtr> ChargerClient::connect(const std::string& nameOrIdentifier,
+                                                              Completion<PeripheralPtr> done) {
+  Pending<PeripheralPtr> pending;
+  done = track(pending, 0, std::move(done));
+  if (!beginConnect(done)) return pending;
   wanted_ = nameOrIdentifier;
   link_ = Link::Finding;
   armConnectTimeout();
   startScanning();
+  return pending;
 }
 
 void ChargerClient::startConnecting(const PeripheralPtr& peripheral) {
@@ -187,6 +202,7 @@ void ChargerClient::armConnectTimeout() {
   after(options_.connectTimeout, [attempt](ChargerClient& c) {
     if (c.attempt_ != attempt || c.link_ == Link::Ready || c.link_ == Link::Idle) return;
     const bool finding = c.link_ == Link::Finding;
+    const std::string attributes = finding ? "" : c.attributeNote();  // before the link goes
     c.link_ = Link::Idle;
     if (finding) {
       c.stopScan();
@@ -198,7 +214,8 @@ void ChargerClient::armConnectTimeout() {
                                (c.wanted_.empty() ? std::string("no post heard")
                                                   : "no post named '" + c.wanted_ + "' heard") +
                                    c.radioNote())
-                       : error(ClientErrorKind::TimedOut, "the link did not become ready in time");
+                       : error(ClientErrorKind::TimedOut,
+                               "the link did not become ready in time" + attributes);
     c.connectDone(&e);
     c.failAll(e);  // requests kept for a reconnection that did not come
   });
@@ -221,6 +238,25 @@ std::string ChargerClient::radioNote() const {
   }
 }
 
+// Why discovery found no usable attributes: the post names them in lower case, and they
+// are looked up by the upper-case names only.
+std::string ChargerClient::attributeNote() const {
+  if (!peripheral_) return "";
+  std::string lower;
+  auto note = [&lower](const std::string& id) {
+    std::string upper = id;
+    for (char& ch : upper) ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
+    if (upper != id && (upper == "FFF0" || upper == "FFF3" || upper == "FFF4"))
+      lower += (lower.empty() ? "" : ", ") + id;
+  };
+  for (const auto& service : peripheral_->services()) {
+    note(service->uuid().UUIDString());
+    for (const auto& characteristic : service->characteristics())
+      note(characteristic->uuid().UUIDString());
+  }
+  return lower.empty() ? "" : " (the post names its attributes in lower case: " + lower + ")";
+}
+
 void ChargerClient::linkUp(const PeripheralPtr& peripheral) {
   peripheral_ = peripheral;
   link_ = Link::Discovering;
@@ -229,44 +265,82 @@ void ChargerClient::linkUp(const PeripheralPtr& peripheral) {
   manager_->setWriteCharacteristic(nullptr);
   manager_->setReadCharacteristic(nullptr);
   clearPending();
-  holdForAutoQuery_ = true;
-  autoQueryDue_ = false;
+  frames_->reset();
+  owed_.clear();
+  // The manager's query is due at the same moment as this task, queued just after it.
+  autoQueryAt_ = MainQueue::main().now() + kAutoQueryDelay;
+  autoSettled_ = false;
   const auto attempt = attempt_;
-  after(std::chrono::duration_cast<std::chrono::milliseconds>(kAutoQueryDelay) + 1ms,
-        [attempt](ChargerClient& c) {
-          if (c.attempt_ != attempt || !c.holdForAutoQuery_) return;
-          // The query went out if the link was there to take it; else the tag is left over.
-          if (c.manager_->cmdType() == kSystemInfoTag && c.manager_->connectedPheral() &&
-              c.manager_->writeCharacteristic()) {
-            c.autoQueryDue_ = true;
-            c.after(c.options_.requestTimeout, [attempt](ChargerClient& c) {
-              if (c.attempt_ != attempt || !c.holdForAutoQuery_) return;
-              c.clearPending();
-              c.releaseHold();
-            });
-          } else {
-            if (c.manager_->cmdType() == kSystemInfoTag) c.clearPending();
-            c.releaseHold();
-          }
-        });
+  after(kAutoQueryDelay, [attempt](ChargerClient& c) {
+    if (c.attempt_ != attempt) return;
+    // A timer due now runs behind the manager's, which is already queued for this moment.
+    MainQueue::main().asyncAfter(0ns, [alive = std::weak_ptr<bool>(c.alive_), &c, attempt] {
+      if (alive.lock() && c.attempt_ == attempt) c.autoQueryWritten();
+    });
+  });
 }
 
-void ChargerClient::releaseHold() {
-  holdForAutoQuery_ = false;
-  autoQueryDue_ = false;
+// Runs right after the manager's own query: whether it went out decides what is owed.
+void ChargerClient::autoQueryWritten() {
+  if (manager_->cmdType() != kSystemInfoTag || !manager_->connectedPheral() ||
+      !manager_->writeCharacteristic() || link_ != Link::Ready) {
+    if (manager_->cmdType() == kSystemInfoTag) clearPending();
+    return settleAutoQuery();
+  }
+  owed_.push_back({kCmdSystemInfo, 0});
+  const auto attempt = attempt_;
+  after(options_.requestTimeout, [attempt](ChargerClient& c) {
+    if (c.attempt_ != attempt || c.autoSettled_) return;
+    std::erase_if(c.owed_, [](const Owed& o) { return o.owner == 0; });
+    if (c.manager_->cmdType() == kSystemInfoTag) c.clearPending();
+    c.settleAutoQuery();
+  });
+}
+
+void ChargerClient::settleAutoQuery() {
+  autoSettled_ = true;
+  trimRows();
   pump();
+}
+
+// The manager appends its ten rows again on every system answer; only the last ten show.
+void ChargerClient::trimRows() {
+  auto& rows = manager_->systemInfoModelList();
+  if (rows.size() > kInfoRows)
+    rows.erase(rows.begin(), rows.end() - static_cast<std::ptrdiff_t>(kInfoRows));
+}
+
+bool ChargerClient::holding() const {
+  return !autoSettled_ && MainQueue::main().now() + kQuietBeforeAutoQuery >= autoQueryAt_;
+}
+
+void ChargerClient::onRadioState(std::int64_t state) {
+  if (state != ble::CentralManagerStatePoweredOn) {
+    // The stack drops its links silently when the adapter goes: the link is lost.
+    if (link_ == Link::Discovering || link_ == Link::Ready)
+      linkDown(TQError{radioNote().substr(2, radioNote().size() - 3), 0, {}}, false);
+    return;
+  }
+  if (scanWanted_) manager_->scanForPeripherals();
+  if (reconnectOnPower_ && link_ == Link::Connecting) {
+    reconnectOnPower_ = false;
+    startConnecting(peripheral_);
+  }
 }
 
 void ChargerClient::linkDown(const std::optional<TQError>& platformError, bool failed) {
   const Link was = link_;
   link_ = Link::Idle;
-  holdForAutoQuery_ = false;
+  autoSettled_ = true;
+  ++attempt_;  // the lost link's timers
   // Whatever was pending belongs to the lost link; left there, it would take the next
   // link's first read for its answer.
   clearPending();
+  frames_->reset();
+  owed_.clear();
   if (inFlight_) {
     const auto e = error(ClientErrorKind::LinkLost, "the link went down before the answer");
-    complete(&e);
+    complete({}, &e);
   }
   if (was == Link::Idle || userClosed_) return;
   if (reconnectsLeft_ > 0) {
@@ -274,7 +348,12 @@ void ChargerClient::linkDown(const std::optional<TQError>& platformError, bool f
     link_ = Link::Connecting;
     ++attempt_;
     after(options_.reconnect.delay, [attempt = attempt_](ChargerClient& c) {
-      if (c.attempt_ == attempt && c.link_ == Link::Connecting) c.startConnecting(c.peripheral_);
+      if (c.attempt_ != attempt || c.link_ != Link::Connecting) return;
+      if (c.manager_->centralManager()->state() == ble::CentralManagerStatePoweredOn) {
+        c.startConnecting(c.peripheral_);
+      } else {
+        c.reconnectOnPower_ = true;  // when the adapter is back
+      }
     });
     return;
   }
@@ -303,10 +382,13 @@ void ChargerClient::disconnect() {
   ++attempt_;
   const Link was = link_;
   link_ = Link::Idle;
-  holdForAutoQuery_ = false;
+  autoSettled_ = true;
+  reconnectOnPower_ = false;
   clearPending();
+  frames_->reset();
+  owed_.clear();
   const auto e = error(ClientErrorKind::NotConnected, "disconnected");
-  if (inFlight_) complete(&e);
+  if (inFlight_) complete({}, &e);
   failAll(e);
   if (was == Link::Finding) stopScan();
   if (was != Link::Idle && was != Link::Finding)
@@ -316,46 +398,104 @@ void ChargerClient::disconnect() {
 
 // ---- Requests ------------------------------------------------------------------------
 
+// The handle's view of the request: ended once its completion runs, outcome kept.
 template <typename T>
-void ChargerClient::enqueue(std::int64_t tag, std::uint8_t code, Issue issue,
-                            std::function<T(const Bytes&)> value, Completion<T> done) {
+Completion<T> ChargerClient::track(Pending<T>& pending, std::uint64_t id, Completion<T> done) {
+  pending.client_ = this;
+  pending.alive_ = alive_;
+  pending.id_ = id;
+  pending.ended_ = std::make_shared<bool>(false);
+  return [slot = pending.slot_, ended = pending.ended_, done = std::move(done)](const Outcome<T>& o) {
+    *ended = true;
+    slot->emplace(o);
+    if (done) done(o);
+  };
+}
+
+bool RequestHandle::cancel() {
+  if (ended() || !alive_.lock()) return false;
+  if (id_ != 0) return client_->cancelRequest(id_);
+  client_->disconnect();
+  return true;
+}
+
+void RequestHandle::setTimeout(std::chrono::milliseconds timeout) {
+  if (!ended() && id_ != 0 && alive_.lock()) client_->retime(id_, timeout);
+}
+
+bool ChargerClient::cancelRequest(std::uint64_t id) {
+  const auto it = std::find_if(queue_.begin(), queue_.end(),
+                               [id](const Request& r) { return r.id == id; });
+  if (it == queue_.end()) return false;
+  const auto e = error(ClientErrorKind::Cancelled, "cancelled");
+  if (it == queue_.begin() && inFlight_) {
+    endRunning(e);
+    return true;
+  }
+  Request request = std::move(*it);
+  queue_.erase(it);
+  after(0ms, [request = std::move(request), e](ChargerClient&) { request.finish({}, &e); });
+  return true;
+}
+
+void ChargerClient::retime(std::uint64_t id, std::chrono::milliseconds timeout) {
+  const auto it = std::find_if(queue_.begin(), queue_.end(),
+                               [id](const Request& r) { return r.id == id; });
+  if (it == queue_.end()) return;
+  it->timeout = timeout;
+  if (it == queue_.begin() && inFlight_) armRequestTimeout(timeout);
+}
+
+template <typename T>
+Pending<T> ChargerClient::enqueue(std::int64_t tag, std::uint8_t code, Issue issue,
+                                  std::function<T(const Bytes&)> value, Completion<T> done) {
+  Pending<T> pending;
+  const std::uint64_t id = ++lastId_;
+  done = track(pending, id, std::move(done));
   Request request{
       tag, code, std::move(issue),
-      [value = std::move(value), done = std::move(done)](const Bytes& answer,
+      [value = std::move(value), done = std::move(done),
+       acceptMismatch = options_.acceptChecksumMismatch](const Bytes& frame,
                                                          const ClientError* e) {
         if (!done) return;
         if (e) return done(*e);
+        const bool mismatch = !protocol::checksumHolds(frame);
+        if (mismatch && !acceptMismatch)
+          return done(error(ClientErrorKind::Malformed, "the answer's checksum does not hold"));
         std::optional<Outcome<T>> outcome;
         try {
-          outcome.emplace(value(answer));
+          outcome.emplace(value(frame), frame, mismatch);
         } catch (const std::out_of_range& range) {
           outcome.emplace(error(ClientErrorKind::Malformed,
                                 std::string("the answer could not be decoded: ") + range.what()));
         }
         done(*outcome);
-      }};
+      },
+      id, std::nullopt};
   if (link_ == Link::Idle) {
     // Nothing to wait for: fail on the queue, as every other outcome arrives.
     after(0ms, [request = std::move(request)](ChargerClient&) {
       const auto e = error(ClientErrorKind::NotConnected, "not connected");
       request.finish({}, &e);
     });
-    return;
+    return pending;
   }
   queue_.push_back(std::move(request));
   pump();
+  return pending;
 }
 
 void ChargerClient::pump() {
-  after(0ms, [](ChargerClient& c) { c.dispatch(); });
+  after(0ms, [](ChargerClient& c) { c.writeNext(); });
 }
 
-void ChargerClient::dispatch() {
-  if (link_ != Link::Ready || holdForAutoQuery_ || inFlight_ || queue_.empty()) return;
+void ChargerClient::writeNext() {
+  if (link_ != Link::Ready || inFlight_ || queue_.empty()) return;
+  if (holding()) return;  // settling the manager's own query pumps again
   inFlight_ = true;
-  answer_.reset();
-  stale_ = false;
   const auto generation = ++generation_;
+  // The manager starts this answer from nothing, whatever it gathered before.
+  clearPending();
   auto refused = std::make_shared<std::optional<TQError>>();
   queue_.front().issue(*manager_, [refused](const TQError& e) { *refused = e; });
   if (*refused) {
@@ -364,25 +504,37 @@ void ChargerClient::dispatch() {
         error(ClientErrorKind::WriteFailed,
               "write failed (" + std::to_string((*refused)->code) + "): " + (*refused)->domain,
               (*refused)->code);
-    complete(&e);
+    complete({}, &e);
     return;
   }
-  after(options_.requestTimeout, [generation](ChargerClient& c) {
-    if (!c.inFlight_ || c.generation_ != generation) return;
-    c.clearPending();
-    const auto e = error(ClientErrorKind::TimedOut, "no whole answer in time");
-    c.complete(&e);
+  owed_.push_back({queue_.front().code, generation});
+  armRequestTimeout(queue_.front().timeout.value_or(options_.requestTimeout));
+}
+
+void ChargerClient::armRequestTimeout(std::chrono::milliseconds timeout) {
+  after(timeout, [generation = generation_, deadline = ++deadline_](ChargerClient& c) {
+    if (!c.inFlight_ || c.generation_ != generation || c.deadline_ != deadline) return;
+    c.endRunning(error(ClientErrorKind::TimedOut, "no whole answer in time"));
   });
 }
 
-void ChargerClient::complete(const ClientError* e) {
+// Ends the running request before its answer; what is left of the answer is dropped as it
+// comes.
+void ChargerClient::endRunning(const ClientError& e) {
+  frames_->abandon();
+  std::erase_if(owed_, [generation = generation_](const Owed& o) { return o.owner == generation; });
+  clearPending();
+  complete({}, &e);
+}
+
+void ChargerClient::complete(const Bytes& frame, const ClientError* e) {
   Request request = std::move(queue_.front());
   queue_.pop_front();
   inFlight_ = false;
-  const Bytes answer = answer_.value_or(Bytes{});
-  answer_.reset();
+  // The manager may still wait for more of this answer under its own rules.
+  if (manager_->cmdType() == request.tag && request.tag != kSystemInfoTag) clearPending();
   pump();
-  request.finish(answer, e);
+  request.finish(frame, e);
 }
 
 // Fails every waiting request; a running one ends by its own path.
@@ -404,151 +556,137 @@ void ChargerClient::clearPending() {
   manager_->setSystemInfoData(std::nullopt);
 }
 
-void ChargerClient::onAnswer(std::int64_t tag, const Bytes& answer) {
-  if (autoQueryDue_ && tag == kSystemInfoTag && !inFlight_) autoAnswered_ = true;
-  if (!inFlight_ || tag != queue_.front().tag) return;
-  // Bytes left over from an answer that came too late are no answer to this request.
-  if (!startsFrame(answer, queue_.front().code)) {
-    stale_ = true;
-    return;
-  }
-  answer_ = answer;
-}
-
-void ChargerClient::onUpdate() {
+void ChargerClient::onUpdate(bool failed) {
   if (link_ == Link::Discovering && manager_->writeCharacteristic() &&
       manager_->readCharacteristic()) {
+    // The post's first read: the link is ready, and the value is no answer.
     link_ = Link::Ready;
     connectDone(nullptr);
     pump();
+    return;
   }
-  if (autoAnswered_) {
-    autoAnswered_ = false;
-    releaseHold();
+  if (link_ != Link::Ready || failed || !manager_->readCharacteristic()) return;
+  receive(manager_->readCharacteristic()->value());
+}
+
+void ChargerClient::receive(const Bytes& piece) {
+  for (const Bytes& frame : frames_->push(piece)) deliver(frame);
+}
+
+// A whole frame goes to the first answer owed with its code; answers owed before it were
+// lost. A frame nobody is owed (the rest of a timed-out answer, say) is dropped.
+void ChargerClient::deliver(const Bytes& frame) {
+  const auto owed = std::find_if(owed_.begin(), owed_.end(),
+                                 [code = frame[1]](const Owed& o) { return o.code == code; });
+  if (owed == owed_.end()) return;
+  const std::uint64_t owner = owed->owner;
+  const bool autoOwed = std::any_of(owed_.begin(), owed + 1, [](const Owed& o) { return o.owner == 0; });
+  owed_.erase(owed_.begin(), owed + 1);
+  if (owner == 0) {
+    settleAutoQuery();  // the manager decoded it as it always does
+    return;
   }
-  if (!inFlight_) return;
-  if (stale_) {
-    // The manager took them for the answer and stopped waiting: wait again.
-    stale_ = false;
-    manager_->setCmdType(queue_.front().tag);
+  if (autoOwed) settleAutoQuery();
+  if (frame[1] == kCmdSystemInfo) trimRows();
+  if (!inFlight_ || owner != generation_) return;
+  // An answer that arrived behind the manager's own query went into its buffer.
+  if (!autoSettled_ && manager_->cmdType() == kSystemInfoTag)
     manager_->setSystemInfoData(std::nullopt);
-  } else if (answer_) {
-    complete(nullptr);
-  }
+  complete(frame, nullptr);
 }
 
 void ChargerClient::onRangeError(const std::out_of_range& range) {
-  // The manager's decoder gave up on the answer it was dispatching: nothing was reset.
+  // The manager's decoder gave up on the answer it was dispatching: nothing was reset,
+  // and the notification never reached the delegate.
   clearPending();
-  const auto e = error(ClientErrorKind::Malformed,
-                       std::string("the answer could not be decoded: ") + range.what());
-  if (inFlight_ && answer_) {
-    complete(&e);
-    return;
-  }
-  if (inFlight_ && stale_) {
-    // Left-over bytes, not the running request's answer: it goes on waiting.
-    stale_ = false;
-    manager_->setCmdType(queue_.front().tag);
-  }
-  if (onError_) onError_(e);
+  const bool owned = inFlight_;
+  if (link_ == Link::Ready && manager_->readCharacteristic())
+    receive(manager_->readCharacteristic()->value());
+  if (!owned && onError_)
+    onError_(error(ClientErrorKind::Malformed,
+                   std::string("the answer could not be decoded: ") + range.what()));
 }
 
 // Each command with the tag it records and how its answer becomes a value.
-void ChargerClient::synchroTime(Completion<SettingResult> done) {
-  enqueue<SettingResult>(1, kCmdSynchroTime, &TQBleManager::synchroTimeWithError, settingResult(),
+Pending<SettingResult> ChargerClient::synchroTime(Completion<SettingResult> done) {
+  return enqueue<SettingResult>(1, kCmdSynchroTime, &TQBleManager::synchroTimeWithError, &answers::settingResult,
                          std::move(done));
 }
 
-void ChargerClient::querySystemInfo(Completion<SystemInfo> done) {
-  enqueue<SystemInfo>(
-      kSystemInfoTag, kCmdSystemInfo, &TQBleManager::querySystemInfoWithError,
-      [this](const Bytes&) {
-        SystemInfo info;
-        const auto& rows = manager_->systemTitleArr();
-        for (std::size_t i = 0; i < info.size() && i < rows.size(); ++i) {
-          info[i] = {rows[i]->title.value_or(""), rows[i]->content.value_or("")};
-        }
-        return info;
-      },
+Pending<SystemInfo> ChargerClient::querySystemInfo(Completion<SystemInfo> done) {
+  return enqueue<SystemInfo>(
+      kSystemInfoTag, kCmdSystemInfo, &TQBleManager::querySystemInfoWithError, systemInfo(),
       std::move(done));
 }
 
-void ChargerClient::setVolume(std::int64_t volume, Completion<SettingResult> done) {
-  enqueue<SettingResult>(
+Pending<SettingResult> ChargerClient::setVolume(std::int64_t volume, Completion<SettingResult> done) {
+  return enqueue<SettingResult>(
       3, kCmdVolume,
       [volume](TQBleManager& m, const TQErrorHandler& e) { m.setVolumeWithVolumeSize(volume, e); },
-      settingResult(), std::move(done));
+      &answers::settingResult, std::move(done));
 }
 
-void ChargerClient::reserve(std::int64_t startHour, std::int64_t startMinute, std::int64_t endHour,
+Pending<SettingResult> ChargerClient::reserve(std::int64_t startHour, std::int64_t startMinute, std::int64_t endHour,
                             std::int64_t endMinute, Completion<SettingResult> done) {
-  enqueue<SettingResult>(
+  return enqueue<SettingResult>(
       4, kCmdOrder,
       [=](TQBleManager& m, const TQErrorHandler& e) {
         m.orderChargerWithStartHour(startHour, startMinute, endHour, endMinute, e);
       },
-      settingResult(), std::move(done));
+      &answers::settingResult, std::move(done));
 }
 
-void ChargerClient::startCharging(Completion<SettingResult> done) {
-  enqueue<SettingResult>(5, kCmdStartCharging, &TQBleManager::startChargingWithError,
-                         settingResult(), std::move(done));
+Pending<SettingResult> ChargerClient::startCharging(Completion<SettingResult> done) {
+  return enqueue<SettingResult>(5, kCmdStartCharging, &TQBleManager::startChargingWithError,
+                         &answers::settingResult, std::move(done));
 }
 
-void ChargerClient::queryChargerState(Completion<ChargerState> done) {
-  enqueue<ChargerState>(6, kCmdChargerState, &TQBleManager::queryChargerStateWithError,
-                        chargerState(), std::move(done));
+Pending<ChargerState> ChargerClient::queryChargerState(Completion<ChargerState> done) {
+  return enqueue<ChargerState>(6, kCmdChargerState, &TQBleManager::queryChargerStateWithError,
+                        &answers::chargerState, std::move(done));
 }
 
-void ChargerClient::stopCharging(Completion<SettingResult> done) {
-  enqueue<SettingResult>(
+Pending<SettingResult> ChargerClient::stopCharging(Completion<SettingResult> done) {
+  return enqueue<SettingResult>(
       7, kCmdStopCharge, &TQBleManager::stopChargeWithError,
-      [](const Bytes& answer) { return SettingResult{decode::setResult(answer).resultType}; },
-      std::move(done));
+      &answers::settingResult, std::move(done));
 }
 
-void ChargerClient::queryChargingData(Completion<ChargerState> done) {
-  enqueue<ChargerState>(6, kCmdChargerState, &TQBleManager::queryChargingDataWithError,
-                        chargerState(), std::move(done));
+Pending<ChargerState> ChargerClient::queryChargingData(Completion<ChargerState> done) {
+  return enqueue<ChargerState>(6, kCmdChargerState, &TQBleManager::queryChargingDataWithError,
+                        &answers::chargerState, std::move(done));
 }
 
-void ChargerClient::queryHistory(Completion<ChargingHistory> done) {
-  enqueue<ChargingHistory>(8, kCmdHistory, &TQBleManager::queryHistoryChargingListWithError,
-                           &decode::chargingHistory, std::move(done));
+Pending<ChargingHistory> ChargerClient::queryHistory(Completion<ChargingHistory> done) {
+  return enqueue<ChargingHistory>(8, kCmdHistory, &TQBleManager::queryHistoryChargingListWithError,
+                           &answers::chargingHistory, std::move(done));
 }
 
-void ChargerClient::queryCumulativeEnergy(Completion<CumulativeEnergy> done) {
-  enqueue<CumulativeEnergy>(
+Pending<CumulativeEnergy> ChargerClient::queryCumulativeEnergy(Completion<CumulativeEnergy> done) {
+  return enqueue<CumulativeEnergy>(
       9, kCmdCumulation, &TQBleManager::queryCumulationElecQuantityWithError,
-      [](const Bytes& answer) { return CumulativeEnergy{decode::cumulativeEnergy(answer)}; },
+      &answers::cumulativeEnergy,
       std::move(done));
 }
 
-void ChargerClient::queryErrorLog(Completion<ErrorLog> done) {
-  enqueue<ErrorLog>(15, kCmdErrorLog, &TQBleManager::queryHistoryErrorLogListWithError,
-                    &decode::errorLog, std::move(done));
+Pending<ErrorLog> ChargerClient::queryErrorLog(Completion<ErrorLog> done) {
+  return enqueue<ErrorLog>(15, kCmdErrorLog, &TQBleManager::queryHistoryErrorLogListWithError,
+                    &answers::errorLog, std::move(done));
 }
 
-void ChargerClient::queryDiagnostics(Completion<TQBleRunDiagnosticInfo> done) {
-  enqueue<TQBleRunDiagnosticInfo>(13, kCmdDiagnosis, &TQBleManager::runningDiagnosticInfoWithError,
-                                  &decode::runningDiagnosis, std::move(done));
+Pending<Diagnostics> ChargerClient::queryDiagnostics(Completion<Diagnostics> done) {
+  return enqueue<Diagnostics>(13, kCmdDiagnosis, &TQBleManager::runningDiagnosticInfoWithError,
+                       &answers::diagnostics, std::move(done));
 }
 
-// The manager's own result of the acknowledgement it just decoded.
-std::function<SettingResult(const Bytes&)> ChargerClient::settingResult() {
-  return [this](const Bytes&) {
-    const auto& result = manager_->dataModel()->result;
-    if (!result) throw std::out_of_range("no setting result");
-    return SettingResult{result->resultType};
-  };
-}
-
-std::function<ChargerState(const Bytes&)> ChargerClient::chargerState() {
-  return [this](const Bytes&) {
-    const auto& data = manager_->dataModel()->chargingData;
-    if (!data) throw std::out_of_range("no charger state");
-    return ChargerState{*data};
+// The typed answer, with the manager's titles on its rows.
+std::function<SystemInfo(const Bytes&)> ChargerClient::systemInfo() {
+  return [this](const Bytes& frame) {
+    SystemInfo info = answers::systemInfo(frame);
+    const auto& titles = manager_->systemTitleArr();
+    for (std::size_t i = 0; i < info.rows.size() && i < titles.size(); ++i)
+      info.rows[i].title = titles[i]->title.value_or("");
+    return info;
   };
 }
 
@@ -574,6 +712,22 @@ bool ChargerClient::runUntil(const std::function<bool()>& done, std::chrono::mil
     try {
       return queue.runUntil(done, std::max(deadline - queue.now(), MainQueue::Duration::zero()));
     } catch (const std::out_of_range& range) {
+      onRangeError(range);
+    }
+  }
+}
+
+int ChargerClient::eventFd() {
+  return MainQueue::main().eventFd();
+}
+
+std::size_t ChargerClient::dispatch() {
+  std::size_t count = 0;
+  for (;;) {
+    try {
+      return count + MainQueue::main().dispatch();
+    } catch (const std::out_of_range& range) {
+      ++count;
       onRangeError(range);
     }
   }

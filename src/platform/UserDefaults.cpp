@@ -17,7 +17,7 @@
 #include <system_error>
 #include <type_traits>
 
-#include "tqble/ZDataCoverTool.h"
+#include "platform/Hex.h"
 #include "tqble/platform/Log.h"
 
 namespace tqble {
@@ -39,7 +39,7 @@ json toJson(const Value& value) {
         if constexpr (std::is_same_v<V, std::monostate>) {
           return nullptr;
         } else if constexpr (std::is_same_v<V, Bytes>) {
-          return json{{kBytesTag, ZDataCoverTool::coverFromDataToHexStr(v)}};
+          return json{{kBytesTag, detail::hexText(v)}};
         } else {
           return v;
         }
@@ -75,12 +75,9 @@ Value fromJson(const json& j) {
     }
     case json::value_t::object:
       if (j.size() == 1 && j.contains(kBytesTag) && j[kBytesTag].is_string()) {
-        const auto& hex = j[kBytesTag].get_ref<const std::string&>();
-        if (hex.size() % 2 ||
-            hex.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
-          throw std::invalid_argument("bad byte text");
-        }
-        return ZDataCoverTool::hexToBytes(hex);
+        auto bytes = detail::bytesOfHex(j[kBytesTag].get_ref<const std::string&>());
+        if (!bytes) throw std::invalid_argument("bad byte text");
+        return *std::move(bytes);
       }
       throw std::invalid_argument("an object that is not a byte value");
     default:
@@ -179,16 +176,24 @@ Contents readFile(const fs::path& file) {
   return contents;
 }
 
-// Keeps a file that could not be used for inspection; false when it stays in the way.
-bool moveAside(const fs::path& file, const Contents& contents) {
-  const char* what = contents.state == Contents::damaged ? "is damaged" : "cannot be read";
+// Whether the file's values can be built on; logs why not. A damaged file is kept aside
+// for inspection; one that cannot be read (its permissions, another user's) is no damage
+// and stays where it is, untouched, until it can be read again.
+bool usable(const fs::path& file, const Contents& contents) {
+  if (contents.state == Contents::good || contents.state == Contents::missing) return true;
+  if (contents.state == Contents::unreadable) {
+    TQLog("user defaults: cannot read %s (%s); it is left as it is and values are kept in "
+          "memory only",
+          file.c_str(), contents.problem.c_str());
+    return false;
+  }
   const fs::path aside = asidePath(file);
   if (::rename(file.c_str(), aside.c_str()) != 0) {
-    TQLog("user defaults: %s %s (%s) and could not be moved aside: %s", file.c_str(), what,
+    TQLog("user defaults: %s is damaged (%s) and could not be moved aside: %s", file.c_str(),
           contents.problem.c_str(), std::strerror(errno));
     return false;
   }
-  TQLog("user defaults: %s %s (%s); moved to %s", file.c_str(), what, contents.problem.c_str(),
+  TQLog("user defaults: %s is damaged (%s); moved to %s", file.c_str(), contents.problem.c_str(),
         aside.c_str());
   return true;
 }
@@ -305,11 +310,7 @@ void UserDefaults::load() {
   const FileLock lock(path_);
   if (lock.held()) removeStaleTemporaries(path_);
   Contents contents = readFile(path_);
-  if (contents.state == Contents::good) {
-    values_ = std::move(contents.values);
-  } else if (contents.state != Contents::missing) {
-    moveAside(path_, contents);  // start empty; the file is kept for inspection
-  }
+  if (usable(path_, contents)) values_ = std::move(contents.values);  // else start empty
 }
 
 bool UserDefaults::save() {
@@ -328,10 +329,7 @@ bool UserDefaults::save() {
   removeStaleTemporaries(path_);
   // Another process may have saved since: only the keys changed here replace its values.
   Contents current = readFile(path_);
-  if (current.state != Contents::good && current.state != Contents::missing &&
-      !moveAside(path_, current)) {
-    return false;  // never overwrite a file that could not be read
-  }
+  if (!usable(path_, current)) return false;  // never overwrite a file that could not be read
   std::map<std::string, Value> merged = std::move(current.values);
   for (const auto& key : changed_) {
     if (const auto it = values_.find(key); it != values_.end()) {

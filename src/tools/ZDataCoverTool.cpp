@@ -9,6 +9,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "platform/Hex.h"
 #include "platform/Text.h"
 #include "tools/Utf16.h"
 #include "tqble/platform/Log.h"
@@ -48,14 +49,7 @@ View piece(View units, std::size_t from, std::size_t length) {
 }  // namespace
 
 std::string ZDataCoverTool::coverFromDataToHexStr(const Bytes& data) {
-  static const char kDigits[] = "0123456789abcdef";
-  std::string hex;
-  hex.reserve(data.size() * 2);
-  for (std::uint8_t byte : data) {
-    hex.push_back(kDigits[byte >> 4]);
-    hex.push_back(kDigits[byte & 0x0F]);
-  }
-  return hex;
+  return detail::hexText(data);
 }
 
 std::uint64_t ZDataCoverTool::coverFromHexStrToInt(const std::string& hex) {
@@ -117,8 +111,7 @@ bool scanHexInt(const std::string& text, std::uint32_t& result) {
   if (i >= text.size() || !std::isxdigit(static_cast<unsigned char>(text[i]))) return false;
   std::uint32_t value = 0;
   for (; i < text.size() && std::isxdigit(static_cast<unsigned char>(text[i])); ++i) {
-    const char c = static_cast<char>(std::tolower(static_cast<unsigned char>(text[i])));
-    value = value * 16 + static_cast<std::uint32_t>(c <= '9' ? c - '0' : c - 'a' + 10);
+    value = value * 16 + static_cast<std::uint32_t>(detail::hexDigitValue(text[i]));
   }
   result = value;
   return true;

@@ -23,6 +23,7 @@ constexpr char kServiceI[] = "org.bluez.GattService1";
 constexpr char kChrcI[] = "org.bluez.GattCharacteristic1";
 constexpr std::uint16_t kMtu = 23;
 constexpr auto kAdvertisingInterval = 50ms;
+constexpr auto kStopDiscoveryDelay = 5ms;
 
 std::string full(const std::string& shortId) { return "0000" + shortId + "-0000-1000-8000-00805f9b34fb"; }
 
@@ -56,6 +57,7 @@ struct FakeBluez::Device {
   std::optional<BusCall> pendingConnect;
   std::uint64_t link = 0;
   std::set<std::string> notifiers;
+  bool disconnecting = false;
 };
 
 FakeBluez::FakeBluez() {
@@ -118,18 +120,26 @@ void FakeBluez::addAdapter(const std::string& name, bool powered) {
   o.addMethod(kAdapterI, "StopDiscovery", "", "", [this, raw](const BusCall& call) {
     calls_.push_back("StopDiscovery " + raw->name);
     if (!raw->powered) return fail(call, "NotReady", "Resource Not Ready");
-    if (!raw->discoverers.erase(call.sender())) return fail(call, "Failed", "No discovery started");
-    call.reply();
-    if (!raw->discoverers.empty()) return;
-    ++raw->session;
-    raw->object->set(kAdapterI, "Discovering", BusValue(false));
-    for (auto& d : devices_) {
-      // RSSI is invalidated when discovery ends.
-      if (d->object && d->adapter == raw->name) {
-        d->object->emitSignal("org.freedesktop.DBus.Properties", "PropertiesChanged",
-                              {BusValue(kDeviceI), BusValue(BusDict{}), BusValue(std::vector<std::string>{"RSSI"})});
+    if (!raw->discoverers.contains(call.sender())) return fail(call, "Failed", "No discovery started");
+    // The controller is told first: until it answers, the session is still there (a new
+    // StartDiscovery gets InProgress) and the reply waits.
+    MainQueue::main().asyncAfter(kStopDiscoveryDelay, [this, alive = std::weak_ptr<bool>(alive_), name = raw->name, call] {
+      auto it = alive.lock() ? adapters_.find(name) : adapters_.end();
+      if (it == adapters_.end() || !it->second->object) return;
+      Adapter* raw = it->second.get();
+      raw->discoverers.erase(call.sender());
+      call.reply();
+      if (!raw->discoverers.empty()) return;
+      ++raw->session;
+      raw->object->set(kAdapterI, "Discovering", BusValue(false));
+      for (auto& d : devices_) {
+        // RSSI is invalidated when discovery ends.
+        if (d->object && d->adapter == raw->name) {
+          d->object->emitSignal("org.freedesktop.DBus.Properties", "PropertiesChanged",
+                                {BusValue(kDeviceI), BusValue(BusDict{}), BusValue(std::vector<std::string>{"RSSI"})});
+        }
       }
-    }
+    });
   });
   o.finish();
   o.emitAdded();
@@ -255,6 +265,7 @@ void FakeBluez::exportDevice(Device& d) {
       return call.reply();
     }
     if (!d->connected) return fail(call, "NotConnected", "Not Connected");
+    if (d->disconnecting) return call.reply();  // it goes in its own time
     disconnect(*d);
     call.reply();
   });
@@ -302,6 +313,8 @@ void FakeBluez::exportGatt(Device& d, bool charger) {
       Device* d = deviceAt(path);
       calls_.push_back("StartNotify " + uuid);
       if (!d || raw != d->notify) return fail(call, "NotSupported", "Operation is not supported");
+      if (d->faults.startNotifyError) return call.fail(d->faults.startNotifyError->name, d->faults.startNotifyError->message);
+      if (d->disconnecting) return fail(call, "Failed", "Device is disconnecting");
       if (d->notifiers.insert(call.sender()).second && d->notifiers.size() == 1) raw->set(kChrcI, "Notifying", BusValue(true));
       call.reply();
     });
@@ -450,6 +463,30 @@ void FakeBluez::leave() {
   }
   root_.reset();
   bus_.reset();  // the name goes with the connection
+}
+
+void FakeBluez::leaveDyingLink(const std::shared_ptr<sim::VirtualPost>& post, std::chrono::milliseconds delay) {
+  Device& d = deviceOf(post);
+  d.connected = d.disconnecting = true;
+  d.object->set(kDeviceI, "Connected", BusValue(true));
+  MainQueue::main().asyncAfter(delay, [this, alive = std::weak_ptr<bool>(alive_), path = d.path] {
+    Device* d = alive.lock() ? deviceAt(path) : nullptr;
+    if (!d || !d->disconnecting) return;
+    d->disconnecting = false;
+    disconnect(*d);
+  });
+}
+
+void FakeBluez::addNeighbour(const std::string& address, const Bytes& name) {
+  sim::PostSetup setup;
+  setup.identifier = address;
+  auto o = bus_->exportObject(pathOf(setup));
+  o->addProperty(kDeviceI, "Address", BusValue(address));
+  o->addProperty(kDeviceI, "Name", BusValue("s", name));
+  o->addProperty(kDeviceI, "Adapter", BusValue::path("/org/bluez/hci0"));
+  o->finish();
+  o->emitAdded();
+  neighbours_.push_back(std::move(o));
 }
 
 }  // namespace tqble::test

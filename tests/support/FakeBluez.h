@@ -8,6 +8,7 @@
 // signal per notification even for equal pieces, GATT objects kept across links,
 // devices only while discovering and removed at power-off, its error names.
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <optional>
@@ -26,6 +27,7 @@ struct BluezFaults {
   std::optional<bluez::BusError> connectError;  ///< Connect fails with it
   bool connectHangs = false;                   ///< Connect answers only when cancelled
   bool lateChargerService = false;             ///< FFF0 exported after ServicesResolved
+  std::optional<bluez::BusError> startNotifyError;  ///< StartNotify fails with it
 };
 
 class FakeBluez {
@@ -66,6 +68,12 @@ class FakeBluez {
   struct Device;
   struct Adapter;
 
+  /// A link of an earlier client to `post` that bluetoothd closes only after `delay`
+  /// (Connected stays true, notifications are refused until then).
+  void leaveDyingLink(const std::shared_ptr<sim::VirtualPost>& post, std::chrono::milliseconds delay);
+  /// A device heard before, kept by bluetoothd, whose name is `name` as it is (maybe no valid text).
+  void addNeighbour(const std::string& address, const Bytes& name);
+
  private:
   void own();
   void exportDevice(Device& d);
@@ -83,6 +91,7 @@ class FakeBluez {
   std::vector<std::unique_ptr<Device>> devices_;
   std::vector<std::string> calls_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+  std::vector<std::unique_ptr<bluez::BusObject>> neighbours_;
 };
 
 }  // namespace tqble::test

@@ -15,6 +15,9 @@ class UUID {
 
   /// The text form: "FFF0" for a 16-bit identifier, upper-case full form otherwise.
   const std::string& UUIDString() const { return text_; }
+  /// The full lower-case 128-bit text, as bluetoothd writes it: a short form is placed on
+  /// the Bluetooth base ("FFF0" gives "0000fff0-0000-1000-8000-00805f9b34fb").
+  std::string fullString() const;
 
   bool operator==(const UUID&) const = default;
 

@@ -22,8 +22,13 @@
 #include "tqble/TQBleManager.h"
 #include "tqble/TQBleManagerDelegate.h"
 #include "tqble/TQError.h"
+#include "tqble/client/Answers.h"
 
 namespace tqble {
+
+namespace protocol {
+class FrameAssembler;
+}
 
 /// Why a client step failed.
 enum class ClientErrorKind {
@@ -31,9 +36,10 @@ enum class ClientErrorKind {
   WriteFailed,    ///< the manager refused the write: code 1001 or 1002
   TimedOut,       ///< no (complete) answer or link in time
   LinkLost,       ///< the link went down before the answer was complete
-  Malformed,      ///< the answer could not be decoded
+  Malformed,      ///< the answer's frame did not hold (checksum, length) or could not be decoded
   ConnectFailed,  ///< the stack refused the connection
   NotFound,       ///< no post heard whose name or identifier matches
+  Cancelled,      ///< the application cancelled the request
 };
 
 /// A failed client step: its kind, the manager's code for WriteFailed (else 0) and a
@@ -53,6 +59,10 @@ class Outcome {
  public:
   /// An answer.
   Outcome(T value) : state_(std::move(value)) {}
+  /// An answer read from `frame`, whose checksum may not have held
+  /// (ClientOptions::acceptChecksumMismatch).
+  Outcome(T value, Bytes frame, bool checksumMismatch)
+      : state_(std::move(value)), frame_(std::move(frame)), checksumMismatch_(checksumMismatch) {}
   /// A failure.
   Outcome(ClientError error) : state_(std::move(error)) {}
   /// Whether it holds an answer.
@@ -61,66 +71,55 @@ class Outcome {
   const T& value() const { return std::get<0>(state_); }
   /// The failure.  @throws std::bad_variant_access when the request succeeded.
   const ClientError& error() const { return std::get<1>(state_); }
+  /// Whether the answer was taken although its checksum did not hold.
+  bool checksumMismatch() const { return checksumMismatch_; }
+  /// The whole answer frame as the post sent it (empty for a failure).
+  const Bytes& frame() const { return frame_; }
 
  private:
   std::variant<T, ClientError> state_;
+  Bytes frame_;
+  bool checksumMismatch_ = false;
 };
 
 /// Receives a request's outcome, on the main queue.
 template <typename T>
 using Completion = std::function<void(const Outcome<T>&)>;
 
-/// Unit conversions of the raw integers the decoders store, as the post sends them.
-namespace units {
-/// Voltage fields count 0.1 V.
-constexpr double volts(std::uint64_t raw) {
-  return static_cast<double>(raw) / 10.0;
-}
-/// Current fields count 0.1 A.
-constexpr double amperes(std::uint64_t raw) {
-  return static_cast<double>(raw) / 10.0;
-}
-/// Energy fields count watt-hours.
-constexpr double kilowattHours(std::uint64_t raw) {
-  return static_cast<double>(raw) / 1000.0;
-}
-/// Duration fields count seconds (a negative 32-bit value arrives sign-extended).
-constexpr std::int64_t seconds(std::uint64_t raw) {
-  return static_cast<std::int64_t>(raw);
-}
-}  // namespace units
+class ChargerClient;
 
-/// One system-information display row.
-struct InfoRow {
-  std::string title;
-  std::string content;
-};
-/// The ten rows: post number (always "获取系统信息"), type, maker, magic number, protocol
-/// version, firmware version, firmware model, volume, post clock, gun state.
-using SystemInfo = std::array<InfoRow, 10>;
+/// A request asked of a client: cancel it, give it its own time-out, or see whether it
+/// has ended. A default-made handle refers to nothing.
+class RequestHandle {
+ public:
+  /// Ends the request with Cancelled (its completion runs once, on the main queue) unless it
+  /// has ended already; a connection is cancelled by closing it. Returns whether it did.
+  bool cancel();
+  /// Gives the request its own time-out: counted from its write, or from now if it runs.
+  void setTimeout(std::chrono::milliseconds timeout);
+  /// Whether the request has ended (or is cancelled and its completion queued).
+  bool ended() const { return !ended_ || *ended_; }
 
-/// The charger state: gun status and, in a full answer, the running session. Raw fields
-/// as decoded: elecQuantity Wh, voltage 0.1 V, electric 0.1 A, duration s (see units).
-struct ChargerState {
-  TQBleChargingData data;
-  /// Whether the post answered with a fault code (failureReason holds its text).
-  bool fault() const { return data.failureReason.has_value(); }
+ private:
+  friend class ChargerClient;
+  ChargerClient* client_ = nullptr;
+  std::weak_ptr<bool> alive_;   // the client's
+  std::uint64_t id_ = 0;        // 0: a connection
+  std::shared_ptr<bool> ended_;
 };
 
-/// A setting's acknowledgement.
-struct SettingResult {
-  std::int64_t resultType = TQSetCmdFailure;  ///< TQSetCmdSuccess or TQSetCmdFailure
-  bool accepted() const { return resultType == TQSetCmdSuccess; }
-};
+/// A request's handle that also keeps its outcome, for ChargerClient::wait().
+template <typename T>
+class Pending : public RequestHandle {
+ public:
+  /// The outcome, once the request has ended.
+  const std::optional<Outcome<T>>& outcome() const { return *slot_; }
 
-/// Charging sessions: elecQuantity Wh, duration s, start and end as local date texts.
-using ChargingHistory = std::vector<TQBleChargeHistory>;
-/// The post's lifetime delivered energy, in Wh (units::kilowattHours).
-struct CumulativeEnergy {
-  std::int32_t raw = 0;
+ private:
+  friend class ChargerClient;
+  std::shared_ptr<std::optional<Outcome<T>>> slot_ =
+      std::make_shared<std::optional<Outcome<T>>>();
 };
-/// Error-log entries: local date text and the post's code.
-using ErrorLog = std::vector<TQBleErrorListLog>;
 
 /// Reconnection after a link lost without disconnect(): how often and after how long.
 struct ReconnectPolicy {
@@ -133,13 +132,17 @@ struct ClientOptions {
   std::chrono::milliseconds connectTimeout{10000};  ///< finding a post and readying its link
   std::chrono::milliseconds requestTimeout{5000};   ///< a request's whole answer, once written
   ReconnectPolicy reconnect;
+  /// Takes answers whose checksum does not hold (a post whose firmware computes it
+  /// otherwise), reporting it on the outcome; otherwise they fail as Malformed.
+  bool acceptChecksumMismatch = false;
 };
 
 /// The client of one post. One per process is meant (the manager is one); it makes itself
 /// the manager's delegate and forwards every call, unchanged and first, to the delegate
 /// set with setDelegate() (since the client implements the value-update call, the manager
-/// drops its record after each update). After each connection the first request waits for
-/// the system information the manager asks for by itself 3 s later.
+/// drops its record after each update). Requests are written as soon as the link is ready;
+/// the client gathers and checks each answer itself, and keeps requests clear of the
+/// system information the manager asks for by itself 3 s after each connection.
 class ChargerClient {
  public:
   using PeripheralPtr = std::shared_ptr<ble::Peripheral>;
@@ -173,10 +176,10 @@ class ChargerClient {
   void stopScan();
   /// Connects; completes once the link is ready (both characteristics known and the
   /// post's first read absorbed), or fails (ConnectFailed, TimedOut, LinkLost).
-  void connect(const PeripheralPtr& peripheral, Completion<PeripheralPtr> done);
+  Pending<PeripheralPtr> connect(const PeripheralPtr& peripheral, Completion<PeripheralPtr> done = {});
   /// Scans for the first post whose name or identifier equals `nameOrIdentifier` (any
   /// post when empty) and connects to it; NotFound when none is heard in time.
-  void connect(const std::string& nameOrIdentifier, Completion<PeripheralPtr> done);
+  Pending<PeripheralPtr> connect(const std::string& nameOrIdentifier, Completion<PeripheralPtr> done = {});
   /// Closes the link; queued and running requests fail with NotConnected. No reconnection.
   void disconnect();
   /// Why the radio cannot hear posts (" (the Bluetooth adapter is powered off)"); empty when
@@ -191,32 +194,48 @@ class ChargerClient {
   // link is open or being opened, they fail with NotConnected ----
 
   /// Sets the post's clock to now.
-  void synchroTime(Completion<SettingResult> done);
-  /// The ten system-information rows, as the manager shows them.
-  void querySystemInfo(Completion<SystemInfo> done);
+  Pending<SettingResult> synchroTime(Completion<SettingResult> done = {});
+  /// The system information, with the manager's ten rows in `rows`.
+  Pending<SystemInfo> querySystemInfo(Completion<SystemInfo> done = {});
   /// Volume 0-100; digits 0-9 travel as an empty body and the post may refuse them.
-  void setVolume(std::int64_t volume, Completion<SettingResult> done);
+  Pending<SettingResult> setVolume(std::int64_t volume, Completion<SettingResult> done = {});
   /// Reserves a charging period (hours 0-23, minutes 0-59).
-  void reserve(std::int64_t startHour, std::int64_t startMinute, std::int64_t endHour,
-               std::int64_t endMinute, Completion<SettingResult> done);
+  Pending<SettingResult> reserve(std::int64_t startHour, std::int64_t startMinute, std::int64_t endHour,
+               std::int64_t endMinute, Completion<SettingResult> done = {});
   /// Starts charging; the post refuses unless a car is plugged in.
-  void startCharging(Completion<SettingResult> done);
-  /// The charger state, or its fault.
-  void queryChargerState(Completion<ChargerState> done);
+  Pending<SettingResult> startCharging(Completion<SettingResult> done = {});
+  /// The charger state, or its fault (`fault` set).
+  Pending<ChargerState> queryChargerState(Completion<ChargerState> done = {});
   /// Stop charging, as the post acknowledged it (the manager itself always reports success).
-  void stopCharging(Completion<SettingResult> done);
+  Pending<SettingResult> stopCharging(Completion<SettingResult> done = {});
   /// Live charging data: the state request, read as the state answer.
-  void queryChargingData(Completion<ChargerState> done);
+  Pending<ChargerState> queryChargingData(Completion<ChargerState> done = {});
   /// The charging sessions.
-  void queryHistory(Completion<ChargingHistory> done);
+  Pending<ChargingHistory> queryHistory(Completion<ChargingHistory> done = {});
   /// The energy delivered over the post's life.
-  void queryCumulativeEnergy(Completion<CumulativeEnergy> done);
+  Pending<CumulativeEnergy> queryCumulativeEnergy(Completion<CumulativeEnergy> done = {});
   /// The error log.
-  void queryErrorLog(Completion<ErrorLog> done);
-  /// The running diagnostics (texts with their units, as decoded).
-  void queryDiagnostics(Completion<TQBleRunDiagnosticInfo> done);
+  Pending<ErrorLog> queryErrorLog(Completion<ErrorLog> done = {});
+  /// The running diagnostics.
+  Pending<Diagnostics> queryDiagnostics(Completion<Diagnostics> done = {});
   /// Requests waiting or running.
   std::size_t queued() const { return queue_.size(); }
+
+  /// Runs the main queue until `request` has ended and returns its outcome: the blocking
+  /// form, for programs without a loop of their own. Every request ends by its time-out
+  /// at the latest.
+  /// @code
+  ///   ChargerClient client;
+  ///   if (!client.wait(client.connect("TQ-AC7-0042")).ok()) return 1;
+  ///   const auto state = client.wait(client.queryChargerState());
+  ///   if (state.ok()) std::printf("%.1f V\n", state.value().volts);
+  /// @endcode
+  template <typename T>
+  Outcome<T> wait(const Pending<T>& request) {
+    while (!request.outcome())
+      runUntil([&request] { return request.outcome().has_value(); }, std::chrono::hours(1));
+    return *request.outcome();
+  }
 
   // ---- Run loop: the main queue, surviving answers the manager cannot decode ----
 
@@ -227,6 +246,21 @@ class ChargerClient {
   /// Makes run() return after the current task.
   void stop();
 
+  /// The main queue's descriptor for the application's own loop: it polls readable while
+  /// work is due, and the loop then calls dispatch().
+  /// @throws std::system_error when the system gives no timer descriptor.
+  /// @code
+  ///   pollfd p{client.eventFd(), POLLIN, 0};
+  ///   while (!finished) {
+  ///     ::poll(&p, 1, -1);
+  ///     client.dispatch();
+  ///   }
+  /// @endcode
+  int eventFd();
+  /// Runs the work that is due, surviving answers the manager cannot decode as run() does;
+  /// returns how many tasks ran.
+  std::size_t dispatch();
+
  private:
   enum class Link { Idle, Finding, Connecting, Discovering, Ready };
   using Issue = std::function<void(TQBleManager&, const TQErrorHandler&)>;
@@ -234,14 +268,22 @@ class ChargerClient {
     std::int64_t tag;   // the manager's pending-command tag
     std::uint8_t code;  // the command code its answer carries
     Issue issue;
-    std::function<void(const Bytes& answer, const ClientError* error)> finish;
+    std::function<void(const Bytes& frame, const ClientError* error)> finish;
+    std::uint64_t id = 0;
+    std::optional<std::chrono::milliseconds> timeout;  // the client's when empty
+  };
+  friend class RequestHandle;
+  // An answer the post owes, in the order written: to a request (its generation) or to
+  // the manager's own query (0).
+  struct Owed {
+    std::uint8_t code;
+    std::uint64_t owner;
   };
 
   template <typename T>
-  void enqueue(std::int64_t tag, std::uint8_t code, Issue issue,
+  Pending<T> enqueue(std::int64_t tag, std::uint8_t code, Issue issue,
                std::function<T(const Bytes&)> value, Completion<T> done);
-  std::function<SettingResult(const Bytes&)> settingResult();
-  std::function<ChargerState(const Bytes&)> chargerState();
+  std::function<SystemInfo(const Bytes&)> systemInfo();
 
   void installDelegate();
   void after(std::chrono::milliseconds delay, std::function<void(ChargerClient&)> task);
@@ -249,24 +291,35 @@ class ChargerClient {
   bool beginConnect(Completion<PeripheralPtr>& done);
   void startConnecting(const PeripheralPtr& peripheral);
   void armConnectTimeout();
+  std::string attributeNote() const;
   void linkUp(const PeripheralPtr& peripheral);
   void linkDown(const std::optional<TQError>& platformError, bool failed);
+  void onRadioState(std::int64_t state);
   void connectDone(const ClientError* error);
-  void releaseHold();
+  void autoQueryWritten();
+  void settleAutoQuery();
+  void trimRows();
+  bool holding() const;
   void pump();
-  void dispatch();
-  void complete(const ClientError* error);
+  void writeNext();
+  void complete(const Bytes& frame, const ClientError* error);
+  void armRequestTimeout(std::chrono::milliseconds timeout);
+  void endRunning(const ClientError& error);
+  bool cancelRequest(std::uint64_t id);
+  void retime(std::uint64_t id, std::chrono::milliseconds timeout);
+  template <typename T>
+  Completion<T> track(Pending<T>& pending, std::uint64_t id, Completion<T> done);
   void failAll(const ClientError& error);
   void clearPending();
-  void onAnswer(std::int64_t tag, const Bytes& answer);
-  void onUpdate();
+  void onUpdate(bool failed);
+  void receive(const Bytes& piece);
+  void deliver(const Bytes& frame);
   void onRangeError(const std::out_of_range& range);
 
   ClientOptions options_;
   std::shared_ptr<TQBleManager> manager_;
   std::shared_ptr<TQBleManagerDelegate> ownDelegate_;
   std::weak_ptr<TQBleManagerDelegate> appDelegate_;
-  std::uint64_t observer_ = 0;
   std::function<void(const ClientError&)> onError_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  // guards queued tasks
 
@@ -279,17 +332,19 @@ class ChargerClient {
   std::uint64_t attempt_ = 0;  // tells a stale link timer from the current one
   bool userClosed_ = false;
   int reconnectsLeft_ = 0;
-  // The manager asks for the system information by itself 3 s after each connection;
-  // requests wait for that answer so that neither takes the other's.
-  bool holdForAutoQuery_ = false;
-  bool autoQueryDue_ = false;
-  bool autoAnswered_ = false;
+  bool reconnectOnPower_ = false;  // a reconnection waits for the adapter to come back
+  // The manager asks for the system information by itself 3 s after each connection.
+  // Requests stop being written shortly before and wait until its answer is absorbed.
+  std::chrono::steady_clock::time_point autoQueryAt_{};
+  bool autoSettled_ = true;
 
   std::deque<Request> queue_;  // the front one runs when inFlight_
   bool inFlight_ = false;
   std::uint64_t generation_ = 0;  // tells a stale request time-out from the current one
-  std::optional<Bytes> answer_;   // the running request's answer, seen before dispatch
-  bool stale_ = false;            // the manager took bytes that are not the running answer
+  std::uint64_t deadline_ = 0;    // tells a replaced time-out from the current one
+  std::uint64_t lastId_ = 0;
+  std::deque<Owed> owed_;
+  std::unique_ptr<protocol::FrameAssembler> frames_;
   bool stopped_ = false;
 };
 

@@ -17,8 +17,9 @@ namespace tqble {
 /// destroyed (the shared store at normal process exit). Safe to use from any thread.
 class UserDefaults {
  public:
-  /// Reads `file` if it exists; a damaged or unreadable file is moved aside (".damaged")
-  /// and logged.
+  /// Reads `file` if it exists; a damaged file is moved aside (".damaged") and logged. One
+  /// that cannot be read is logged and left as it is: the store starts empty and never
+  /// writes over it.
   explicit UserDefaults(std::filesystem::path file);
   /// Saves what is not saved yet.
   ~UserDefaults();

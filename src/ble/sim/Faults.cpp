@@ -1,5 +1,7 @@
 // Cutting an answer into notifications: the usual 20-byte pieces, or the sizes, losses
 // and delays a test asked for.
+#include <limits>
+
 #include "SimInternal.h"
 #include "protocol/Frame.h"
 
@@ -27,12 +29,15 @@ std::vector<Piece> cutAnswer(const Bytes& answer, const Faults& faults, const Ti
 }
 
 AnswerPlan planAnswer(const Bytes& answer, Faults& faults, const Timing& timing) {
-  // A link loss armed now applies to this answer only.
-  const auto dropAfter = faults.dropLinkAfterNotifications;
+  // A link loss armed now applies to this answer only. Taken as a plain count, "never"
+  // when none is armed: a copy of the empty optional carried its unwritten storage, which
+  // optimised code tested before the flag that guards it.
+  constexpr std::size_t kNever = std::numeric_limits<std::size_t>::max();
+  const std::size_t dropAfter = faults.dropLinkAfterNotifications.value_or(kNever);
   faults.dropLinkAfterNotifications.reset();
-  if (dropAfter && *dropAfter == 0) return AnswerPlan{{}, true};
+  if (dropAfter == 0) return AnswerPlan{{}, true};
   AnswerPlan plan{cutAnswer(answer, faults, timing), false};
-  if (dropAfter && *dropAfter <= plan.pieces.size()) plan.pieces[*dropAfter - 1].dropLinkAfter = true;
+  if (dropAfter <= plan.pieces.size()) plan.pieces[dropAfter - 1].dropLinkAfter = true;
   return plan;
 }
 

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "ble/sim/SimInternal.h"
+#include "tqble/ble/UUID.h"
 #include "tqble/platform/MainQueue.h"
 
 namespace tqble::bluez {
@@ -27,8 +28,9 @@ constexpr char kReadPath[] = "/tqble/post/service0/char1";
 constexpr char kAdvertisementPath[] = "/tqble/advertisement0";
 constexpr auto kCallTimeout = 10s;
 
-std::string fullUUID(const std::string& shortForm) {
-  return "0000" + shortForm + "-0000-1000-8000-00805f9b34fb";
+// The full text bluetoothd expects of an application's attribute.
+std::string fullUUID(const char* shortForm) {
+  return ble::UUID::fromString(shortForm).fullString();
 }
 
 std::string text(const BusReply& reply) {

@@ -1,0 +1,18 @@
+#pragma once
+
+// A dispatched answer's values as JSON, for `tqble decode` and `tqble capture` alike.
+
+#include <vector>
+
+#include "CommandCatalogue.h"
+
+namespace tqble::cli {
+
+/// What the manager made of `answer`: the result or state record it handed to the delegate
+/// (`model`, may be null), the ten system-information rows, or, for the history, energy,
+/// error-log and diagnostics answers the manager decodes and drops, what decoding yields.
+/// @throws std::out_of_range when the answer is too short for its decoder.
+Json decodedJson(AnswerKind kind, const Bytes& answer, const TQBleDataModel* model,
+                 const std::vector<ZRunStateModel>& rows);
+
+}  // namespace tqble::cli
