@@ -50,7 +50,7 @@ std::vector<std::pair<std::string, std::string>> discoveryMessages(const BridgeC
     if (s.unit) e.second["unit_of_measurement"] = s.unit;
     if (std::string(s.value) == "gun_state") {
       Json options = Json::array();
-      for (GunState g : gunStates()) options.push_back(gunStateName(g));
+      for (GunState g : gunStates()) options.push_back(name(g));
       e.second["options"] = options;
     }
     entities.push_back(std::move(e));

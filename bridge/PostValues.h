@@ -12,33 +12,26 @@ namespace tqble::bridge {
 
 using Json = nlohmann::ordered_json;
 
-/// The gun, as the bridge reports it.
-enum class GunState { Idle, PluggedIn, Charging, Finished, Fault, Unknown };
-
-/// Its name in payloads: "idle", "plugged_in", "charging", "finished", "fault", "unknown".
-const char* gunStateName(GunState state);
 /// Every gun state, in declaration order (the discovery's options).
 const std::vector<GunState>& gunStates();
 /// The charging status letter of IEC 61851 that energy managers read: A no car,
 /// B car plugged in, C charging, E fault, F not known.
 const char* chargingStatus(GunState state);
 
-/// The live state from a system-information and a state answer: gun_state, status,
-/// enabled, fault ("none", "over_current"...), voltage_v, current_a, power_w, session_energy_kwh, session_duration_s,
-/// session_serial.
-Json stateValues(const SystemInfo& info, const ChargerState& state);
-/// What the post says about itself: type, manufacturer, versions, volume, clock (UTC).
+/// The live state from a state answer: gun_state, gun_code, status, enabled, fault
+/// ("none", "over_current"...), fault_code, voltage_v, current_a, power_w,
+/// session_energy_kwh, session_duration_s, session_serial.
+Json stateValues(const ChargerState& state);
+/// What the post says about itself: post number, type, manufacturer, versions, charging
+/// mode, volume, clock (UTC).
 Json infoValues(const SystemInfo& info);
 /// {"energy_total_kwh": ...}
 Json energyValues(const CumulativeEnergy& energy);
 /// {"sessions": [{serial, energy_kwh, duration_s, start, end}]} with UTC times.
 Json sessionValues(const ChargingHistory& history);
-/// {"errors": [{time, code}]} with UTC times.
+/// {"errors": [{time, code, kind}]} with UTC times.
 Json errorValues(const ErrorLog& log);
 
-/// A post-clock text ("2023-11-14 22:13:20", local time) as UTC ISO 8601
-/// ("2023-11-14T22:13:20Z"); null when absent or not a date.
-Json utcTime(const OptionalText& localText);
 /// Now, as UTC ISO 8601.
 std::string utcNow();
 

@@ -197,26 +197,19 @@ class Worker {
     });
   }
 
-  // The state needs the system information (the gun) and the state answer (the values).
+  // The state answer carries the gun itself; the system information is read on
+  // connection and with the energy.
   void pollState(bool first) {
     stateBusy_ = true;
-    client_->querySystemInfo([this, first](const Outcome<SystemInfo>& info) {
-      if (!info.ok()) {
-        stateBusy_ = false;
-        return failed(info.error());
+    client_->queryChargerState([this, first](const Outcome<ChargerState>& o) {
+      stateBusy_ = false;
+      if (!o.ok()) return failed(o.error());
+      publishValues("state", stateValues(o.value()));
+      if (first || !online_) {
+        online_ = true;
+        log("online");
+        mqtt_->publish(topic_("availability"), "online", true);
       }
-      client_->queryChargerState([this, first, info = info.value()](const Outcome<ChargerState>& o) {
-        stateBusy_ = false;
-        if (!o.ok()) return failed(o.error());
-        Json state = stateValues(info, o.value());
-        state["volume"] = infoValues(info)["volume"];
-        publishValues("state", std::move(state));
-        if (first || !online_) {
-          online_ = true;
-          log("online");
-          mqtt_->publish(topic_("availability"), "online", true);
-        }
-      });
     });
   }
 
@@ -258,17 +251,21 @@ class Worker {
         return failed(o.error());
       }
       result(name, Json{{"ok", true}, {"accepted", o.value().accepted()}});
-      if (!stateBusy_) pollState(false);  // the state topic follows at once
+      if (name == "volume") readInfo();   // the volume topic follows at once
+      if (!stateBusy_) pollState(false);  // and the state topic
     };
     switch (c.kind) {
-      case CommandKind::Start: return client_->startCharging(done);
-      case CommandKind::Stop: return client_->stopCharging(done);
+      case CommandKind::Start: client_->startCharging(done); return;
+      case CommandKind::Stop: client_->stopCharging(done); return;
       case CommandKind::Enable:
-        return c.value ? client_->startCharging(done) : client_->stopCharging(done);
-      case CommandKind::Volume: return client_->setVolume(c.value, done);
+        if (c.value) client_->startCharging(done);
+        else client_->stopCharging(done);
+        return;
+      case CommandKind::Volume: client_->setVolume(c.value, done); return;
       case CommandKind::Reserve:
-        return client_->reserve(c.startHour, c.startMinute, c.endHour, c.endMinute, done);
-      case CommandKind::SyncTime: return client_->synchroTime(done);
+        client_->reserve(c.startHour, c.startMinute, c.endHour, c.endMinute, done);
+        return;
+      case CommandKind::SyncTime: client_->synchroTime(done); return;
       case CommandKind::MaxCurrent:
         // The post chooses its current itself; the wish is taken and changes nothing.
         return result(name, Json{{"ok", true}, {"accepted", false}});

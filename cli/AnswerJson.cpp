@@ -36,13 +36,25 @@ Json toJson(const SettingResult& result) {
 }
 
 Json toJson(const ChargerState& state) {
-  return chargeFields(state.data);
+  return chargeFields(state.record);
 }
 
 Json toJson(const SystemInfo& info) {
   Json rows = Json::array();
-  for (const auto& row : info) rows.push_back(Json{{"title", row.title}, {"content", row.content}});
+  for (const auto& row : info.rows) rows.push_back(Json{{"title", row.title}, {"content", row.content}});
   return rows;
+}
+
+Json toJson(const ChargingSession& session) {
+  return toJson(session.record);
+}
+
+Json toJson(const ErrorLogEntry& entry) {
+  return toJson(entry.record);
+}
+
+Json toJson(const Diagnostics& d) {
+  return toJson(d.record);
 }
 
 Json toJson(const CumulativeEnergy& energy) {

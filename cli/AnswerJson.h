@@ -34,6 +34,9 @@ Json toJson(const SettingResult& result);
 Json toJson(const ChargerState& state);
 Json toJson(const SystemInfo& info);
 Json toJson(const CumulativeEnergy& energy);
+Json toJson(const ChargingSession& session);
+Json toJson(const ErrorLogEntry& entry);
+Json toJson(const Diagnostics& d);
 
 /// A list answer as a JSON array.
 template <typename Entry>

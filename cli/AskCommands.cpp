@@ -105,6 +105,8 @@ int exitStatus(ClientErrorKind kind) {
       return 6;
     case ClientErrorKind::Malformed:
       return 7;
+    case ClientErrorKind::Cancelled:
+      break;  // the commands cancel nothing
   }
   return 1;
 }
@@ -367,9 +369,9 @@ int runHistory(const std::vector<std::string>& args) {
     }
     std::printf("start,end,duration_s,energy_kWh\n");
     for (const auto& s : sessions) {
-      std::printf(
-          "%s,%s,%lld,%.3f\n", s.startTime.value_or("").c_str(), s.endTime.value_or("").c_str(),
-          static_cast<long long>(units::seconds(s.duration)), units::kilowattHours(s.elecQuantity));
+      std::printf("%s,%s,%lld,%.3f\n", s.record.startTime.value_or("").c_str(),
+                  s.record.endTime.value_or("").c_str(),
+                  static_cast<long long>(s.duration.count()), s.kilowattHours);
     }
     return 0;
   });

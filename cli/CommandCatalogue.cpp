@@ -25,7 +25,7 @@ Completion<T> asJson(Completion<Json> done) {
 }
 
 // A client request that takes only its completion.
-template <typename T, void (ChargerClient::*Request)(Completion<T>)>
+template <typename T, Pending<T> (ChargerClient::*Request)(Completion<T>)>
 void ask(ChargerClient& c, const Args&, Completion<Json> done) {
   (c.*Request)(asJson<T>(std::move(done)));
 }
@@ -114,7 +114,7 @@ const std::vector<Command>& commands() {
        ask<ErrorLog, &ChargerClient::queryErrorLog>},
       {"runningDiagnosticInfoWithError", "diagnostics", {}, AnswerKind::Diagnosis,
        plain<&TQBleManager::runningDiagnosticInfoWithError>,
-       ask<TQBleRunDiagnosticInfo, &ChargerClient::queryDiagnostics>},
+       ask<Diagnostics, &ChargerClient::queryDiagnostics>},
   };
   return kCommands;
 }

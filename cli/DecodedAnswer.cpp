@@ -10,7 +10,7 @@ Json decodedJson(AnswerKind kind, const Bytes& answer, const TQBleDataModel* mod
     case AnswerKind::History:
       return toJson(decode::chargingHistory(answer));
     case AnswerKind::Energy:
-      return toJson(CumulativeEnergy{decode::cumulativeEnergy(answer)});
+      return toJson(answers::cumulativeEnergy(answer));
     case AnswerKind::ErrorLog:
       return toJson(decode::errorLog(answer));
     case AnswerKind::Diagnosis:

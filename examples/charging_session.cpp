@@ -45,9 +45,8 @@ int main() {
     client.runUntil([] { return false; }, std::chrono::seconds(1));
     const auto state =
         await<ChargerState>(client, [&](auto done) { client.queryChargerState(done); });
-    std::printf("  %s: %.3f kWh, %.1f A, %lld s\n", state.data.gunStatus.value_or("--").c_str(),
-                units::kilowattHours(state.data.elecQuantity), units::amperes(state.data.electric),
-                static_cast<long long>(units::seconds(state.data.duration)));
+    std::printf("  %s: %.3f kWh, %.1f A, %lld s\n", name(state.gunState), state.kilowattHours,
+                state.amperes, static_cast<long long>(state.duration.count()));
   }
   const auto stopped = await<SettingResult>(client, [&](auto done) { client.stopCharging(done); });
   std::printf("stopped: %s\n", stopped.accepted() ? "yes" : "refused");
@@ -56,9 +55,8 @@ int main() {
       await<ChargingHistory>(client, [&](auto done) { client.queryHistory(done); });
   if (!history.empty()) {
     const auto& last = history.back();
-    std::printf("last session %s: %s to %s, %.3f kWh\n", last.serialNumber.value_or("").c_str(),
-                last.startTime.value_or("").c_str(), last.endTime.value_or("").c_str(),
-                units::kilowattHours(last.elecQuantity));
+    std::printf("last session %u: %s to %s, %.3f kWh\n", last.serial, isoUtc(last.start).c_str(),
+                isoUtc(last.end).c_str(), last.kilowattHours);
   }
   client.disconnect();
   return 0;

@@ -13,12 +13,11 @@ int main() {
     if (!link.ok()) return client.stop();
     client.queryHistory([&](const Outcome<ChargingHistory>& history) {
       if (history.ok()) {
-        std::printf("serial,start,end,duration_s,energy_kWh\n");
-        for (const TQBleChargeHistory& s : history.value()) {
-          std::printf("%s,%s,%s,%lld,%.3f\n", s.serialNumber.value_or("").c_str(),
-                      s.startTime.value_or("").c_str(), s.endTime.value_or("").c_str(),
-                      static_cast<long long>(units::seconds(s.duration)),
-                      units::kilowattHours(s.elecQuantity));
+        std::printf("serial,start_utc,end_utc,duration_s,energy_kWh\n");
+        for (const ChargingSession& s : history.value()) {
+          std::printf("%u,%s,%s,%lld,%.3f\n", s.serial, isoUtc(s.start).c_str(),
+                      isoUtc(s.end).c_str(), static_cast<long long>(s.duration.count()),
+                      s.kilowattHours);
         }
         status = 0;
       } else {

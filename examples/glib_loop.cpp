@@ -28,7 +28,7 @@ int main() {
     std::printf("connected to %s\n", link.value()->name().c_str());
     client.queryChargerState([&](const Outcome<ChargerState>& state) {
       if (state.ok()) {
-        std::printf("gun: %s\n", state.value().data.gunStatus.value_or("--").c_str());
+        std::printf("gun: %s\n", name(state.value().gunState));
         status = 0;
       } else {
         std::fprintf(stderr, "state: %s\n", state.error().message.c_str());

@@ -16,12 +16,11 @@ int main() {
     std::printf("connected to %s\n", link.value()->name().c_str());
     client.queryChargerState([&](const Outcome<ChargerState>& state) {
       if (state.ok()) {
-        const TQBleChargingData& d = state.value().data;
-        std::printf("gun: %s, fault: %s\n", d.gunStatus.value_or("--").c_str(),
-                    d.failureReason.value_or("none").c_str());
-        std::printf("%.1f V, %.1f A, %.3f kWh in %lld s\n", units::volts(d.voltage),
-                    units::amperes(d.electric), units::kilowattHours(d.elecQuantity),
-                    static_cast<long long>(units::seconds(d.duration)));
+        const ChargerState& s = state.value();
+        std::printf("gun: %s, fault: %s\n", name(s.gunState),
+                    s.fault ? name(s.fault->kind) : "none");
+        std::printf("%.1f V, %.1f A, %.3f kWh in %lld s\n", s.volts, s.amperes, s.kilowattHours,
+                    static_cast<long long>(s.duration.count()));
         status = 0;
       } else {
         std::fprintf(stderr, "state: %s\n", state.error().message.c_str());

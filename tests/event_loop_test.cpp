@@ -10,6 +10,10 @@
 #include <glib-unix.h>
 #endif
 
+#ifdef TQBLE_TEST_BLUEZ
+#include "support/FakeBluez.h"
+#include "support/PrivateBus.h"
+#endif
 #include "tqble/client/ChargerClient.h"
 #include "tqble/platform/MainQueue.h"
 #include "tqble/sim/SimRadio.h"
@@ -129,7 +133,7 @@ TEST_P(HostedClient, DeliversEveryAnswerAndContainsAShortAnswersRangeError) {
   ASSERT_TRUE(cut->ok()) << cut->error().message;
   EXPECT_EQ(cut->value().size(), 3u);
   ASSERT_TRUE(state->ok()) << state->error().message;
-  EXPECT_EQ(state->value().data.gunStatus, "未知");
+  EXPECT_EQ(state->value().record.gunStatus, "未知");
   ASSERT_TRUE(whole->ok()) << whole->error().message;
   EXPECT_EQ(whole->value().size(), 3u);
 }
@@ -140,6 +144,30 @@ INSTANTIATE_TEST_SUITE_P(Loops, HostedClient, testing::Values(&pollLoop, &glibLo
 #else
 INSTANTIATE_TEST_SUITE_P(Loops, HostedClient, testing::Values(&pollLoop),
                          [](const auto&) { return "Poll"; });
+#endif
+
+#ifdef TQBLE_TEST_BLUEZ
+// On the bluez backend the queue reads the bus connection itself: the application's loop
+// hears it through the same descriptor, on the real clock.
+TEST(HostedClient, HearsTheBluezBackendThroughTheQueuesDescriptor) {
+  test::usePrivateSystemBus();
+  test::FakeBluez fake;
+  sim::PostSetup setup;
+  setup.identifier = "C0:FF:EE:00:00:01";
+  fake.addPost(setup);
+  TQBleManager::useBackend("bluez");
+  ChargerClient client;
+  std::optional<Outcome<ChargerState>> state;
+  client.connect("", [&](const auto& o) {
+    if (!o.ok()) return void(state = o.error());
+    client.queryChargerState([&](const auto& s) { state = s; });
+  });
+  const auto end = std::chrono::steady_clock::now() + 20s;
+  while (!state && std::chrono::steady_clock::now() < end)
+    if (readable(client.eventFd(), 100)) client.dispatch();
+  ASSERT_TRUE(state.has_value());
+  EXPECT_TRUE(state->ok()) << state->error().message;
+}
 #endif
 
 }  // namespace

@@ -33,19 +33,6 @@ ClientError error(ClientErrorKind kind, std::string message, std::int64_t code =
   return ClientError{kind, code, std::move(message)};
 }
 
-// An acknowledgement carries its status in body byte 0.
-SettingResult settingResult(const Bytes& frame) {
-  if (frame.size() <= protocol::kFrameHeaderLength) throw std::out_of_range("no status byte");
-  return SettingResult{decode::setResult(frame).resultType};
-}
-
-// The full state answer or the short fault answer; no other length is a state.
-ChargerState chargerState(const Bytes& frame) {
-  if (frame.size() != protocol::kStateLength && frame.size() != protocol::kFaultLength)
-    throw std::out_of_range("a state answer of " + std::to_string(frame.size()) + " bytes");
-  return ChargerState{decode::chargerState(frame)};
-}
-
 bool sameText(const std::string& a, const std::string& b) {
   return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
            return std::tolower(static_cast<unsigned char>(x)) ==
@@ -71,6 +58,8 @@ const char* describe(ClientErrorKind kind) {
       return "connection failed";
     case ClientErrorKind::NotFound:
       return "post not found";
+    case ClientErrorKind::Cancelled:
+      return "cancelled";
   }
   return "error";
 }
@@ -181,16 +170,24 @@ bool ChargerClient::beginConnect(Completion<PeripheralPtr>& done) {
   return true;
 }
 
-void ChargerClient::connect(const PeripheralPtr& peripheral, Completion<PeripheralPtr> done) {
+Pending<ChargerClient::PeripheralPtr> ChargerClient::connect(const PeripheralPtr& peripheral,
+                                                              Completion<PeripheralPtr> done) {
+  Pending<PeripheralPtr> pending;
+  done = track(pending, 0, std::move(done));
   if (beginConnect(done)) startConnecting(peripheral);
+  return pending;
 }
 
-void ChargerClient::connect(const std::string& nameOrIdentifier, Completion<PeripheralPtr> done) {
-  if (!beginConnect(done)) return;
+Pending<ChargerClient::PeripheralPtr> ChargerClient::connect(const std::string& nameOrIdentifier,
+                                                              Completion<PeripheralPtr> done) {
+  Pending<PeripheralPtr> pending;
+  done = track(pending, 0, std::move(done));
+  if (!beginConnect(done)) return pending;
   wanted_ = nameOrIdentifier;
   link_ = Link::Finding;
   armConnectTimeout();
   startScanning();
+  return pending;
 }
 
 void ChargerClient::startConnecting(const PeripheralPtr& peripheral) {
@@ -401,9 +398,60 @@ void ChargerClient::disconnect() {
 
 // ---- Requests ------------------------------------------------------------------------
 
+// The handle's view of the request: ended once its completion runs, outcome kept.
 template <typename T>
-void ChargerClient::enqueue(std::int64_t tag, std::uint8_t code, Issue issue,
-                            std::function<T(const Bytes&)> value, Completion<T> done) {
+Completion<T> ChargerClient::track(Pending<T>& pending, std::uint64_t id, Completion<T> done) {
+  pending.client_ = this;
+  pending.alive_ = alive_;
+  pending.id_ = id;
+  pending.ended_ = std::make_shared<bool>(false);
+  return [slot = pending.slot_, ended = pending.ended_, done = std::move(done)](const Outcome<T>& o) {
+    *ended = true;
+    slot->emplace(o);
+    if (done) done(o);
+  };
+}
+
+bool RequestHandle::cancel() {
+  if (ended() || !alive_.lock()) return false;
+  if (id_ != 0) return client_->cancelRequest(id_);
+  client_->disconnect();
+  return true;
+}
+
+void RequestHandle::setTimeout(std::chrono::milliseconds timeout) {
+  if (!ended() && id_ != 0 && alive_.lock()) client_->retime(id_, timeout);
+}
+
+bool ChargerClient::cancelRequest(std::uint64_t id) {
+  const auto it = std::find_if(queue_.begin(), queue_.end(),
+                               [id](const Request& r) { return r.id == id; });
+  if (it == queue_.end()) return false;
+  const auto e = error(ClientErrorKind::Cancelled, "cancelled");
+  if (it == queue_.begin() && inFlight_) {
+    endRunning(e);
+    return true;
+  }
+  Request request = std::move(*it);
+  queue_.erase(it);
+  after(0ms, [request = std::move(request), e](ChargerClient&) { request.finish({}, &e); });
+  return true;
+}
+
+void ChargerClient::retime(std::uint64_t id, std::chrono::milliseconds timeout) {
+  const auto it = std::find_if(queue_.begin(), queue_.end(),
+                               [id](const Request& r) { return r.id == id; });
+  if (it == queue_.end()) return;
+  it->timeout = timeout;
+  if (it == queue_.begin() && inFlight_) armRequestTimeout(timeout);
+}
+
+template <typename T>
+Pending<T> ChargerClient::enqueue(std::int64_t tag, std::uint8_t code, Issue issue,
+                                  std::function<T(const Bytes&)> value, Completion<T> done) {
+  Pending<T> pending;
+  const std::uint64_t id = ++lastId_;
+  done = track(pending, id, std::move(done));
   Request request{
       tag, code, std::move(issue),
       [value = std::move(value), done = std::move(done),
@@ -416,23 +464,25 @@ void ChargerClient::enqueue(std::int64_t tag, std::uint8_t code, Issue issue,
           return done(error(ClientErrorKind::Malformed, "the answer's checksum does not hold"));
         std::optional<Outcome<T>> outcome;
         try {
-          outcome.emplace(value(frame), mismatch);
+          outcome.emplace(value(frame), frame, mismatch);
         } catch (const std::out_of_range& range) {
           outcome.emplace(error(ClientErrorKind::Malformed,
                                 std::string("the answer could not be decoded: ") + range.what()));
         }
         done(*outcome);
-      }};
+      },
+      id, std::nullopt};
   if (link_ == Link::Idle) {
     // Nothing to wait for: fail on the queue, as every other outcome arrives.
     after(0ms, [request = std::move(request)](ChargerClient&) {
       const auto e = error(ClientErrorKind::NotConnected, "not connected");
       request.finish({}, &e);
     });
-    return;
+    return pending;
   }
   queue_.push_back(std::move(request));
   pump();
+  return pending;
 }
 
 void ChargerClient::pump() {
@@ -458,15 +508,23 @@ void ChargerClient::writeNext() {
     return;
   }
   owed_.push_back({queue_.front().code, generation});
-  after(options_.requestTimeout, [generation](ChargerClient& c) {
-    if (!c.inFlight_ || c.generation_ != generation) return;
-    // What is left of this answer is dropped as it comes.
-    c.frames_->abandon();
-    std::erase_if(c.owed_, [generation](const Owed& o) { return o.owner == generation; });
-    c.clearPending();
-    const auto e = error(ClientErrorKind::TimedOut, "no whole answer in time");
-    c.complete({}, &e);
+  armRequestTimeout(queue_.front().timeout.value_or(options_.requestTimeout));
+}
+
+void ChargerClient::armRequestTimeout(std::chrono::milliseconds timeout) {
+  after(timeout, [generation = generation_, deadline = ++deadline_](ChargerClient& c) {
+    if (!c.inFlight_ || c.generation_ != generation || c.deadline_ != deadline) return;
+    c.endRunning(error(ClientErrorKind::TimedOut, "no whole answer in time"));
   });
+}
+
+// Ends the running request before its answer; what is left of the answer is dropped as it
+// comes.
+void ChargerClient::endRunning(const ClientError& e) {
+  frames_->abandon();
+  std::erase_if(owed_, [generation = generation_](const Owed& o) { return o.owner == generation; });
+  clearPending();
+  complete({}, &e);
 }
 
 void ChargerClient::complete(const Bytes& frame, const ClientError* e) {
@@ -550,86 +608,84 @@ void ChargerClient::onRangeError(const std::out_of_range& range) {
 }
 
 // Each command with the tag it records and how its answer becomes a value.
-void ChargerClient::synchroTime(Completion<SettingResult> done) {
-  enqueue<SettingResult>(1, kCmdSynchroTime, &TQBleManager::synchroTimeWithError, settingResult,
+Pending<SettingResult> ChargerClient::synchroTime(Completion<SettingResult> done) {
+  return enqueue<SettingResult>(1, kCmdSynchroTime, &TQBleManager::synchroTimeWithError, &answers::settingResult,
                          std::move(done));
 }
 
-void ChargerClient::querySystemInfo(Completion<SystemInfo> done) {
-  enqueue<SystemInfo>(
+Pending<SystemInfo> ChargerClient::querySystemInfo(Completion<SystemInfo> done) {
+  return enqueue<SystemInfo>(
       kSystemInfoTag, kCmdSystemInfo, &TQBleManager::querySystemInfoWithError, systemInfo(),
       std::move(done));
 }
 
-void ChargerClient::setVolume(std::int64_t volume, Completion<SettingResult> done) {
-  enqueue<SettingResult>(
+Pending<SettingResult> ChargerClient::setVolume(std::int64_t volume, Completion<SettingResult> done) {
+  return enqueue<SettingResult>(
       3, kCmdVolume,
       [volume](TQBleManager& m, const TQErrorHandler& e) { m.setVolumeWithVolumeSize(volume, e); },
-      settingResult, std::move(done));
+      &answers::settingResult, std::move(done));
 }
 
-void ChargerClient::reserve(std::int64_t startHour, std::int64_t startMinute, std::int64_t endHour,
+Pending<SettingResult> ChargerClient::reserve(std::int64_t startHour, std::int64_t startMinute, std::int64_t endHour,
                             std::int64_t endMinute, Completion<SettingResult> done) {
-  enqueue<SettingResult>(
+  return enqueue<SettingResult>(
       4, kCmdOrder,
       [=](TQBleManager& m, const TQErrorHandler& e) {
         m.orderChargerWithStartHour(startHour, startMinute, endHour, endMinute, e);
       },
-      settingResult, std::move(done));
+      &answers::settingResult, std::move(done));
 }
 
-void ChargerClient::startCharging(Completion<SettingResult> done) {
-  enqueue<SettingResult>(5, kCmdStartCharging, &TQBleManager::startChargingWithError,
-                         settingResult, std::move(done));
+Pending<SettingResult> ChargerClient::startCharging(Completion<SettingResult> done) {
+  return enqueue<SettingResult>(5, kCmdStartCharging, &TQBleManager::startChargingWithError,
+                         &answers::settingResult, std::move(done));
 }
 
-void ChargerClient::queryChargerState(Completion<ChargerState> done) {
-  enqueue<ChargerState>(6, kCmdChargerState, &TQBleManager::queryChargerStateWithError,
-                        chargerState, std::move(done));
+Pending<ChargerState> ChargerClient::queryChargerState(Completion<ChargerState> done) {
+  return enqueue<ChargerState>(6, kCmdChargerState, &TQBleManager::queryChargerStateWithError,
+                        &answers::chargerState, std::move(done));
 }
 
-void ChargerClient::stopCharging(Completion<SettingResult> done) {
-  enqueue<SettingResult>(
+Pending<SettingResult> ChargerClient::stopCharging(Completion<SettingResult> done) {
+  return enqueue<SettingResult>(
       7, kCmdStopCharge, &TQBleManager::stopChargeWithError,
-      settingResult, std::move(done));
+      &answers::settingResult, std::move(done));
 }
 
-void ChargerClient::queryChargingData(Completion<ChargerState> done) {
-  enqueue<ChargerState>(6, kCmdChargerState, &TQBleManager::queryChargingDataWithError,
-                        chargerState, std::move(done));
+Pending<ChargerState> ChargerClient::queryChargingData(Completion<ChargerState> done) {
+  return enqueue<ChargerState>(6, kCmdChargerState, &TQBleManager::queryChargingDataWithError,
+                        &answers::chargerState, std::move(done));
 }
 
-void ChargerClient::queryHistory(Completion<ChargingHistory> done) {
-  enqueue<ChargingHistory>(8, kCmdHistory, &TQBleManager::queryHistoryChargingListWithError,
-                           &decode::chargingHistory, std::move(done));
+Pending<ChargingHistory> ChargerClient::queryHistory(Completion<ChargingHistory> done) {
+  return enqueue<ChargingHistory>(8, kCmdHistory, &TQBleManager::queryHistoryChargingListWithError,
+                           &answers::chargingHistory, std::move(done));
 }
 
-void ChargerClient::queryCumulativeEnergy(Completion<CumulativeEnergy> done) {
-  enqueue<CumulativeEnergy>(
+Pending<CumulativeEnergy> ChargerClient::queryCumulativeEnergy(Completion<CumulativeEnergy> done) {
+  return enqueue<CumulativeEnergy>(
       9, kCmdCumulation, &TQBleManager::queryCumulationElecQuantityWithError,
-      [](const Bytes& answer) { return CumulativeEnergy{decode::cumulativeEnergy(answer)}; },
+      &answers::cumulativeEnergy,
       std::move(done));
 }
 
-void ChargerClient::queryErrorLog(Completion<ErrorLog> done) {
-  enqueue<ErrorLog>(15, kCmdErrorLog, &TQBleManager::queryHistoryErrorLogListWithError,
-                    &decode::errorLog, std::move(done));
+Pending<ErrorLog> ChargerClient::queryErrorLog(Completion<ErrorLog> done) {
+  return enqueue<ErrorLog>(15, kCmdErrorLog, &TQBleManager::queryHistoryErrorLogListWithError,
+                    &answers::errorLog, std::move(done));
 }
 
-void ChargerClient::queryDiagnostics(Completion<TQBleRunDiagnosticInfo> done) {
-  enqueue<TQBleRunDiagnosticInfo>(13, kCmdDiagnosis, &TQBleManager::runningDiagnosticInfoWithError,
-                                  &decode::runningDiagnosis, std::move(done));
+Pending<Diagnostics> ChargerClient::queryDiagnostics(Completion<Diagnostics> done) {
+  return enqueue<Diagnostics>(13, kCmdDiagnosis, &TQBleManager::runningDiagnosticInfoWithError,
+                       &answers::diagnostics, std::move(done));
 }
 
-// The ten rows as the manager titles them, with this answer's contents.
+// The typed answer, with the manager's titles on its rows.
 std::function<SystemInfo(const Bytes&)> ChargerClient::systemInfo() {
   return [this](const Bytes& frame) {
-    const auto contents = decode::systemInfo(frame);
-    SystemInfo info;
-    const auto& rows = manager_->systemTitleArr();
-    for (std::size_t i = 0; i < info.size() && i < rows.size(); ++i) {
-      info[i] = {rows[i]->title.value_or(""), contents[i]};
-    }
+    SystemInfo info = answers::systemInfo(frame);
+    const auto& titles = manager_->systemTitleArr();
+    for (std::size_t i = 0; i < info.rows.size() && i < titles.size(); ++i)
+      info.rows[i].title = titles[i]->title.value_or("");
     return info;
   };
 }

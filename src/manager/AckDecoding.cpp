@@ -10,7 +10,7 @@ TQBleSetResult setResult(const Bytes& answer) {
   const std::string hex = ZDataCoverTool::coverFromDataToHexStr(answer);
   if (hex.size() > 17) {
     // Any status other than exactly 00 or 01 leaves the default, which is success.
-    const std::string status = detail::cut(hex, 16, 2);
+    const std::string status = detail::cut(hex, protocol::ack::status);
     if (status == "01") {
       result.resultType = TQSetCmdFailure;
     } else if (status == "00") {

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "platform/Text.h"
+#include "protocol/Fields.h"
 #include "tools/Printf.h"
 #include "tqble/ZConverTool.h"
 #include "tqble/ZDataCoverTool.h"
@@ -20,6 +21,19 @@ namespace tqble::detail {
 /// @throws std::out_of_range when the field lies past the text's end.
 inline std::uint64_t hexField(const std::string& hex, std::size_t from, std::size_t length) {
   return ZDataCoverTool::coverFromHexStrToInt(cut(hex, from, length));
+}
+
+/// The hex text of `field`, `base` characters into `hex`.
+/// @throws std::out_of_range when the field lies past the text's end.
+inline std::string cut(const std::string& hex, const protocol::Field& field, std::size_t base = 0) {
+  return cut(hex, base + field.hexFrom(), field.hexLength());
+}
+
+/// The hex text of `field` parsed base 16 as it stands (first byte most significant).
+/// @throws std::out_of_range when the field lies past the text's end.
+inline std::uint64_t hexField(const std::string& hex, const protocol::Field& field,
+                              std::size_t base = 0) {
+  return hexField(hex, base + field.hexFrom(), field.hexLength());
 }
 
 /// A value cut to signed 32 bits and widened again: 0xffffffff becomes all 64 bits set.

@@ -9,39 +9,38 @@ namespace {
 
 constexpr std::size_t kFullStateChars = 52;   // 26-byte answer
 constexpr std::size_t kFaultStateChars = 24;  // 12-byte answer
-constexpr std::uint64_t kCharging = 6;
 
 // Matched as text, so a code with two bits set is not defined.
 const std::pair<std::string, const char*> kFaults[] = {
     {"0004", "过流"}, {"0008", "过压"}, {"0010", "欠压"}, {"0100", "急停按下"}};
 
 const char* gunStatusOf(const std::string& hex) {
-  return detail::hexField(hex, 16, 2) == kCharging ? "正在充电中" : "未知";
+  return detail::hexField(hex, protocol::state::gunState) == protocol::kGunCharging ? "正在充电中" : "未知";
 }
 
-std::uint64_t littleEndian(const std::string& hex, std::size_t from, std::size_t length) {
-  return ZDataCoverTool::coverFromHexStrToInt(
-      detail::reverseBytePairs(detail::cut(hex, from, length)));
+std::uint64_t littleEndian(const std::string& hex, const protocol::Field& field) {
+  return ZDataCoverTool::coverFromHexStrToInt(detail::reverseBytePairs(detail::cut(hex, field)));
 }
 
 }  // namespace
 
 TQBleChargingData chargerState(const Bytes& answer) {
   using detail::cut;
+  namespace f = protocol::state;
   TQBleChargingData data;
   const std::string hex = ZDataCoverTool::coverFromDataToHexStr(answer);
   if (hex.size() == kFullStateChars) {
     data.gunStatus = gunStatusOf(hex);
-    data.serialNumber = ZDataCoverTool::coverFromHexStringToStr(cut(hex, 18, 8));
-    data.elecQuantity = littleEndian(hex, 26, 4);
-    data.voltage = littleEndian(hex, 30, 8);
-    data.electric = littleEndian(hex, 38, 4);
+    data.serialNumber = ZDataCoverTool::coverFromHexStringToStr(cut(hex, f::serial));
+    data.elecQuantity = littleEndian(hex, f::energy);
+    data.voltage = littleEndian(hex, f::voltage);
+    data.electric = littleEndian(hex, f::current);
     data.duration = detail::widen32(ZDataCoverTool::coverFromHexStrToInt(
-        ZDataCoverTool::coverToLowFromFrontHightByteStr(cut(hex, 42, 8))));
+        ZDataCoverTool::coverToLowFromFrontHightByteStr(cut(hex, f::duration))));
   } else if (hex.size() == kFaultStateChars) {
     data.gunStatus = gunStatusOf(hex);
     data.failureReason = "";
-    data.failureReason = detail::lookup(kFaults, cut(hex, 18, 4), "暂未定义错误类型");
+    data.failureReason = detail::lookup(kFaults, cut(hex, f::faultCode), "暂未定义错误类型");
   }
   return data;
 }
@@ -50,14 +49,15 @@ TQBleChargingData chargingData(const Bytes& answer) {
   using detail::cut;
   using detail::hexField;
   using detail::widen32;
+  namespace f = protocol::live_data;
   const std::string hex = ZDataCoverTool::coverFromDataToHexStr(answer);
   TQLog("解析的充电中的数据 %s    ++  %ld", hex.c_str(), static_cast<long>(hex.size()));
-  cut(hex, 16, 8);  // part of the layout, not used
-  const auto serial = ZDataCoverTool::coverFromHexStringToStr(cut(hex, 32, 8));
-  const std::uint64_t energy = widen32(hexField(hex, 40, 4));
-  const std::uint64_t voltage = widen32(hexField(hex, 44, 8));
-  const std::uint64_t current = widen32(hexField(hex, 52, 4));
-  const std::uint64_t duration = widen32(hexField(hex, 56, 8));
+  cut(hex, f::unused);  // part of the layout, not used
+  const auto serial = ZDataCoverTool::coverFromHexStringToStr(cut(hex, f::serial));
+  const std::uint64_t energy = widen32(hexField(hex, f::energy));
+  const std::uint64_t voltage = widen32(hexField(hex, f::voltage));
+  const std::uint64_t current = widen32(hexField(hex, f::current));
+  const std::uint64_t duration = widen32(hexField(hex, f::duration));
 
   TQBleChargingData data;
   data.serialNumber = serial;

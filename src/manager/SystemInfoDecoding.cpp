@@ -18,40 +18,40 @@ const std::pair<std::string, const char*> kGunStates[] = {{"00", "空闲中"},
                                                           {"08", "充电结束未拔枪"},
                                                           {"0F", "故障中"}};
 
-constexpr std::uint64_t kVelmoraCode = 102;
-
 }  // namespace
 
 std::array<std::string, 10> systemInfo(const Bytes& answer) {
   using detail::cut;
   using detail::hexField;
   using detail::ull;
+  namespace f = protocol::system_info;
   const std::string hex = ZDataCoverTool::coverFromDataToHexStr(answer);
 
-  const auto postNumber = ZDataCoverTool::coverFromHexStringToStr(cut(hex, 16, 40));
+  const auto postNumber = ZDataCoverTool::coverFromHexStringToStr(cut(hex, f::postNumber));
   TQLog("桩号:  %s", postNumber->c_str());
-  const std::string postType = detail::lookup(kPostTypes, cut(hex, 56, 2), "--");
-  const std::string maker = hexField(hex, 58, 2) == kVelmoraCode ? "Velmora" : "未知";
-  const std::string magic = detail::printf("%llu", ull(hexField(hex, 60, 8)));
+  const std::string postType = detail::lookup(kPostTypes, cut(hex, f::postType), "--");
+  const std::string maker = hexField(hex, f::maker) == protocol::kKnownMakerCode ? protocol::kKnownMakerName : "未知";
+  const std::string magic = detail::printf("%llu", ull(hexField(hex, f::magic)));
   // Versions are sent last component first.
   const std::string protocol =
-      detail::printf("%llu.%llu", ull(hexField(hex, 70, 2)), ull(hexField(hex, 68, 2)));
-  const std::string firmware = detail::printf("%llu.%llu.%llu", ull(hexField(hex, 76, 2)),
-                                              ull(hexField(hex, 74, 2)), ull(hexField(hex, 72, 2)));
-  const std::string model = *ZDataCoverTool::coverFromHexStringToStr(cut(hex, 78, 40));
+      detail::printf("%llu.%llu", ull(hexField(hex, f::protocolMajor)), ull(hexField(hex, f::protocolMinor)));
+  const std::string firmware = detail::printf("%llu.%llu.%llu", ull(hexField(hex, f::firmwareMajor)),
+                                              ull(hexField(hex, f::firmwareMinor)),
+                                              ull(hexField(hex, f::firmwarePatch)));
+  const std::string model = *ZDataCoverTool::coverFromHexStringToStr(cut(hex, f::firmwareModel));
 
-  const std::string volumeDigits = cut(hex, 118, 2);
+  const std::string volumeDigits = cut(hex, f::volume);
   TQLog("获取的音量大小: %s", volumeDigits.c_str());
   const std::string volume =
       detail::printf("%llu", ull(ZDataCoverTool::coverFromHexStrToInt(volumeDigits)));
 
   // The charging-mode byte lies inside the firmware model; only its digits are logged.
-  const std::string modeDigits = cut(hex, 108, 2);
+  const std::string modeDigits = cut(hex, f::chargingMode);
   TQLog("充电模式: %s", modeDigits.c_str());
 
   const std::string clock = ZGeneralTool::coverToBleDatematterFromTimeInterval(
-      ZDataCoverTool::coverToIntFrome4BytesHexStr(cut(hex, 120, 8)));
-  const std::string gunState = detail::lookup(kGunStates, cut(hex, 132, 2), "--");
+      ZDataCoverTool::coverToIntFrome4BytesHexStr(cut(hex, f::clock)));
+  const std::string gunState = detail::lookup(kGunStates, cut(hex, f::gunState), "--");
 
   // Row 1 never shows the post number.
   return {"获取系统信息", postType, maker,  magic, protocol,

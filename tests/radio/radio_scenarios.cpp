@@ -108,7 +108,7 @@ struct App {
   void ask(const CommandRow& row) {
     const auto taps = r.tapped.size(), updates = r.updates.size();
     std::optional<std::optional<ClientError>> done;
-    row.ask(client, [&](const std::optional<ClientError>& e) { done = e; });
+    row.ask(client, [&](const std::optional<ClientError>& e, const Bytes&) { done = e; });
     const std::string name = row.name;
     waitFor([&] { return done.has_value(); }, 20s, name);
     expect(!*done, name + ": " + (*done ? (*done)->message : ""));

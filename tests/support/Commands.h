@@ -32,8 +32,8 @@ struct Delivered {
   const TQBleDataModel& record;
 };
 
-/// A client request's end: empty when it answered, else its error.
-using ClientDone = std::function<void(const std::optional<ClientError>& error)>;
+/// A client request's end: no error and the answer's frame, or its error.
+using ClientDone = std::function<void(const std::optional<ClientError>& error, const Bytes& frame)>;
 
 struct CommandRow {
   const char* name;  ///< the manager's operation
@@ -62,7 +62,7 @@ inline bool charging(const Delivered& d) {
 template <auto Request, typename... Args>
 void ask(ChargerClient& c, ClientDone done, Args... args) {
   (c.*Request)(args..., [done](const auto& o) {
-    done(o.ok() ? std::nullopt : std::optional<ClientError>(o.error()));
+    done(o.ok() ? std::nullopt : std::optional<ClientError>(o.error()), o.frame());
   });
 }
 }  // namespace rows
@@ -126,6 +126,20 @@ inline const CommandRow kCommandRows[] = {
        return !d.record.chargingData && decode::runningDiagnosis(d.answer).errorInfo == "过压"; }},
 };
 // clang-format on
+
+/// How a client request ended: its error, or none and the answer's frame.
+struct ClientEnd {
+  std::optional<ClientError> error;
+  Bytes frame;
+};
+
+/// Asks `row` through `client`, running the main queue until it ends (at most 30 s).
+inline ClientEnd askRow(ChargerClient& client, const CommandRow& row) {
+  std::optional<ClientEnd> end;
+  row.ask(client, [&](const auto& error, const Bytes& frame) { end = ClientEnd{error, frame}; });
+  client.runUntil([&] { return end.has_value(); }, std::chrono::seconds(30));
+  return end.value_or(ClientEnd{ClientError{ClientErrorKind::NotFound, 0, "never ended"}, {}});
+}
 
 /// GoogleTest prints a row by its name, never by its bytes.
 inline void PrintTo(const CommandRow& row, std::ostream* os) { *os << row.name; }

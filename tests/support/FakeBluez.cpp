@@ -58,9 +58,19 @@ struct FakeBluez::Device {
   std::optional<BusCall> pendingConnect;
   std::uint64_t link = 0;
   std::set<std::string> notifiers;
+  bool disconnecting = false;  // a dying link: Connected until it ends
 };
 
-FakeBluez::FakeBluez() : bus_(bluez::Bus::openSystem()) {
+FakeBluez::FakeBluez() {
+  own();
+  addAdapter("hci0", true);
+}
+
+// Members go in reverse order: devices, adapters, the object manager, then the bus.
+FakeBluez::~FakeBluez() = default;
+
+void FakeBluez::own() {
+  bus_ = bluez::Bus::openSystem();
   root_ = bus_->exportObjectManager("/");
   root_->addMethod("org.bluez.Test", "Barrier", "", "", [this](const BusCall& call) {
     barriers_.push_back(call);
@@ -68,11 +78,19 @@ FakeBluez::FakeBluez() : bus_(bluez::Bus::openSystem()) {
   });
   root_->finish();
   bus_->requestName("org.bluez");
-  addAdapter("hci0", true);
 }
 
-// Members go in reverse order: devices, adapters, the object manager, then the bus.
-FakeBluez::~FakeBluez() = default;
+void FakeBluez::restart() {
+  for (auto& d : devices_) removeDevice(*d);
+  neighbours_.clear();
+  std::map<std::string, bool> adapters;
+  for (auto& [name, a] : adapters_) adapters[name] = a->powered;
+  adapters_.clear();
+  root_.reset();
+  bus_.reset();  // the name goes with the connection
+  own();
+  for (const auto& [name, powered] : adapters) addAdapter(name, powered);
+}
 
 void FakeBluez::later(std::chrono::milliseconds delay, std::function<void()> task) {
   ++busy_;
@@ -128,9 +146,15 @@ void FakeBluez::addAdapter(const std::string& name, bool powered) {
   o.addMethod(kAdapterI, "StopDiscovery", "", "", [this, &a](const BusCall& call) {
     calls_.push_back("StopDiscovery " + a.name);
     if (!a.powered) return fail(call, "NotReady", "Resource Not Ready");
-    if (!a.discoverers.erase(call.sender())) return fail(call, "Failed", "No discovery started");
-    call.reply();
-    if (a.discoverers.empty()) ++a.session;
+    if (!a.discoverers.contains(call.sender())) return fail(call, "Failed", "No discovery started");
+    // The controller is told first: until it answers, the session is still there (a new
+    // StartDiscovery gets InProgress) and the reply waits.
+    later(5ms, [this, name = a.name, call] {
+      auto it = adapters_.find(name);
+      if (it == adapters_.end() || !it->second->discoverers.erase(call.sender())) return;
+      call.reply();
+      if (it->second->discoverers.empty()) ++it->second->session;
+    });
   });
   o.finish();
   o.emitAdded();
@@ -222,7 +246,7 @@ void FakeBluez::exportDevice(Device& d) {
     } else if (!d.connected) {
       return fail(call, "NotConnected", "Not Connected");
     }
-    disconnect(d);
+    if (!d.disconnecting) disconnect(d);  // else it goes in its own time
     call.reply();
   });
   o.finish();
@@ -288,6 +312,8 @@ void FakeBluez::exportGatt(Device& d, bool charger) {
     c.addMethod(kChrcI, "StartNotify", "", "", [this, &d, &c, uuid](const BusCall& call) {
       calls_.push_back("StartNotify " + uuid);
       if (&c != d.notify) return fail(call, "NotSupported", "Operation is not supported");
+      if (const auto& e = d.faults.startNotifyError) return call.fail(e->name, e->message);
+      if (d.disconnecting) return fail(call, "Failed", "Device is disconnecting");
       d.notifiers.insert(call.sender());
       call.reply();
     });
@@ -361,7 +387,7 @@ void FakeBluez::removeDevice(Device& d) {
   d.gatt.clear();
   d.notify = nullptr;
   d.object.reset();
-  d.connected = false;
+  d.connected = d.disconnecting = false;
   d.notifiers.clear();
 }
 
@@ -383,6 +409,29 @@ void FakeBluez::setPowered(bool on, const std::string& adapter) {
   for (auto& d : devices_) {
     if (d->adapter == adapter) removeDevice(*d);  // temporary devices go with the power
   }
+}
+
+void FakeBluez::leaveDyingLink(const std::shared_ptr<sim::VirtualPost>& post,
+                               std::chrono::milliseconds delay) {
+  Device& d = deviceOf(post);
+  d.connected = d.disconnecting = true;
+  d.object->set(kDeviceI, "Connected", BusValue(true));
+  later(delay, [this, &d] {
+    if (!d.disconnecting) return;
+    d.disconnecting = false;
+    disconnect(d);
+  });
+}
+
+void FakeBluez::addNeighbour(const std::string& address, const Bytes& name) {
+  sim::PostSetup setup;
+  setup.identifier = address;
+  auto& o = *neighbours_.emplace_back(bus_->exportObject(pathOf(setup)));
+  o.addProperty(kDeviceI, "Address", BusValue(address));
+  o.addProperty(kDeviceI, "Name", BusValue("s", name));
+  o.addProperty(kDeviceI, "Adapter", BusValue::path("/org/bluez/hci0"));
+  o.finish();
+  o.emitAdded();
 }
 
 }  // namespace tqble::test

@@ -22,6 +22,7 @@
 #include "tqble/TQBleManager.h"
 #include "tqble/TQBleManagerDelegate.h"
 #include "tqble/TQError.h"
+#include "tqble/client/Answers.h"
 
 namespace tqble {
 
@@ -38,6 +39,7 @@ enum class ClientErrorKind {
   Malformed,      ///< the answer's frame did not hold (checksum, length) or could not be decoded
   ConnectFailed,  ///< the stack refused the connection
   NotFound,       ///< no post heard whose name or identifier matches
+  Cancelled,      ///< the application cancelled the request
 };
 
 /// A failed client step: its kind, the manager's code for WriteFailed (else 0) and a
@@ -57,9 +59,10 @@ class Outcome {
  public:
   /// An answer.
   Outcome(T value) : state_(std::move(value)) {}
-  /// An answer whose frame's checksum did not hold (ClientOptions::acceptChecksumMismatch).
-  Outcome(T value, bool checksumMismatch)
-      : state_(std::move(value)), checksumMismatch_(checksumMismatch) {}
+  /// An answer read from `frame`, whose checksum may not have held
+  /// (ClientOptions::acceptChecksumMismatch).
+  Outcome(T value, Bytes frame, bool checksumMismatch)
+      : state_(std::move(value)), frame_(std::move(frame)), checksumMismatch_(checksumMismatch) {}
   /// A failure.
   Outcome(ClientError error) : state_(std::move(error)) {}
   /// Whether it holds an answer.
@@ -70,9 +73,12 @@ class Outcome {
   const ClientError& error() const { return std::get<1>(state_); }
   /// Whether the answer was taken although its checksum did not hold.
   bool checksumMismatch() const { return checksumMismatch_; }
+  /// The whole answer frame as the post sent it (empty for a failure).
+  const Bytes& frame() const { return frame_; }
 
  private:
   std::variant<T, ClientError> state_;
+  Bytes frame_;
   bool checksumMismatch_ = false;
 };
 
@@ -80,57 +86,40 @@ class Outcome {
 template <typename T>
 using Completion = std::function<void(const Outcome<T>&)>;
 
-/// Unit conversions of the raw integers the decoders store, as the post sends them.
-namespace units {
-/// Voltage fields count 0.1 V.
-constexpr double volts(std::uint64_t raw) {
-  return static_cast<double>(raw) / 10.0;
-}
-/// Current fields count 0.1 A.
-constexpr double amperes(std::uint64_t raw) {
-  return static_cast<double>(raw) / 10.0;
-}
-/// Energy fields count watt-hours.
-constexpr double kilowattHours(std::uint64_t raw) {
-  return static_cast<double>(raw) / 1000.0;
-}
-/// Duration fields count seconds (a negative 32-bit value arrives sign-extended).
-constexpr std::int64_t seconds(std::uint64_t raw) {
-  return static_cast<std::int64_t>(raw);
-}
-}  // namespace units
+class ChargerClient;
 
-/// One system-information display row.
-struct InfoRow {
-  std::string title;
-  std::string content;
-};
-/// The ten rows: post number (always "获取系统信息"), type, maker, magic number, protocol
-/// version, firmware version, firmware model, volume, post clock, gun state.
-using SystemInfo = std::array<InfoRow, 10>;
+/// A request asked of a client: cancel it, give it its own time-out, or see whether it
+/// has ended. A default-made handle refers to nothing.
+class RequestHandle {
+ public:
+  /// Ends the request with Cancelled (its completion runs once, on the main queue) unless it
+  /// has ended already; a connection is cancelled by closing it. Returns whether it did.
+  bool cancel();
+  /// Gives the request its own time-out: counted from its write, or from now if it runs.
+  void setTimeout(std::chrono::milliseconds timeout);
+  /// Whether the request has ended (or is cancelled and its completion queued).
+  bool ended() const { return !ended_ || *ended_; }
 
-/// The charger state: gun status and, in a full answer, the running session. Raw fields
-/// as decoded: elecQuantity Wh, voltage 0.1 V, electric 0.1 A, duration s (see units).
-struct ChargerState {
-  TQBleChargingData data;
-  /// Whether the post answered with a fault code (failureReason holds its text).
-  bool fault() const { return data.failureReason.has_value(); }
+ private:
+  friend class ChargerClient;
+  ChargerClient* client_ = nullptr;
+  std::weak_ptr<bool> alive_;   // the client's
+  std::uint64_t id_ = 0;        // 0: a connection
+  std::shared_ptr<bool> ended_;
 };
 
-/// A setting's acknowledgement.
-struct SettingResult {
-  std::int64_t resultType = TQSetCmdFailure;  ///< TQSetCmdSuccess or TQSetCmdFailure
-  bool accepted() const { return resultType == TQSetCmdSuccess; }
-};
+/// A request's handle that also keeps its outcome, for ChargerClient::wait().
+template <typename T>
+class Pending : public RequestHandle {
+ public:
+  /// The outcome, once the request has ended.
+  const std::optional<Outcome<T>>& outcome() const { return *slot_; }
 
-/// Charging sessions: elecQuantity Wh, duration s, start and end as local date texts.
-using ChargingHistory = std::vector<TQBleChargeHistory>;
-/// The post's lifetime delivered energy, in Wh (units::kilowattHours).
-struct CumulativeEnergy {
-  std::int32_t raw = 0;
+ private:
+  friend class ChargerClient;
+  std::shared_ptr<std::optional<Outcome<T>>> slot_ =
+      std::make_shared<std::optional<Outcome<T>>>();
 };
-/// Error-log entries: local date text and the post's code.
-using ErrorLog = std::vector<TQBleErrorListLog>;
 
 /// Reconnection after a link lost without disconnect(): how often and after how long.
 struct ReconnectPolicy {
@@ -187,10 +176,10 @@ class ChargerClient {
   void stopScan();
   /// Connects; completes once the link is ready (both characteristics known and the
   /// post's first read absorbed), or fails (ConnectFailed, TimedOut, LinkLost).
-  void connect(const PeripheralPtr& peripheral, Completion<PeripheralPtr> done);
+  Pending<PeripheralPtr> connect(const PeripheralPtr& peripheral, Completion<PeripheralPtr> done = {});
   /// Scans for the first post whose name or identifier equals `nameOrIdentifier` (any
   /// post when empty) and connects to it; NotFound when none is heard in time.
-  void connect(const std::string& nameOrIdentifier, Completion<PeripheralPtr> done);
+  Pending<PeripheralPtr> connect(const std::string& nameOrIdentifier, Completion<PeripheralPtr> done = {});
   /// Closes the link; queued and running requests fail with NotConnected. No reconnection.
   void disconnect();
   /// Why the radio cannot hear posts (" (the Bluetooth adapter is powered off)"); empty when
@@ -205,32 +194,48 @@ class ChargerClient {
   // link is open or being opened, they fail with NotConnected ----
 
   /// Sets the post's clock to now.
-  void synchroTime(Completion<SettingResult> done);
-  /// The ten system-information rows, as the manager shows them.
-  void querySystemInfo(Completion<SystemInfo> done);
+  Pending<SettingResult> synchroTime(Completion<SettingResult> done = {});
+  /// The system information, with the manager's ten rows in `rows`.
+  Pending<SystemInfo> querySystemInfo(Completion<SystemInfo> done = {});
   /// Volume 0-100; digits 0-9 travel as an empty body and the post may refuse them.
-  void setVolume(std::int64_t volume, Completion<SettingResult> done);
+  Pending<SettingResult> setVolume(std::int64_t volume, Completion<SettingResult> done = {});
   /// Reserves a charging period (hours 0-23, minutes 0-59).
-  void reserve(std::int64_t startHour, std::int64_t startMinute, std::int64_t endHour,
-               std::int64_t endMinute, Completion<SettingResult> done);
+  Pending<SettingResult> reserve(std::int64_t startHour, std::int64_t startMinute, std::int64_t endHour,
+               std::int64_t endMinute, Completion<SettingResult> done = {});
   /// Starts charging; the post refuses unless a car is plugged in.
-  void startCharging(Completion<SettingResult> done);
-  /// The charger state, or its fault.
-  void queryChargerState(Completion<ChargerState> done);
+  Pending<SettingResult> startCharging(Completion<SettingResult> done = {});
+  /// The charger state, or its fault (`fault` set).
+  Pending<ChargerState> queryChargerState(Completion<ChargerState> done = {});
   /// Stop charging, as the post acknowledged it (the manager itself always reports success).
-  void stopCharging(Completion<SettingResult> done);
+  Pending<SettingResult> stopCharging(Completion<SettingResult> done = {});
   /// Live charging data: the state request, read as the state answer.
-  void queryChargingData(Completion<ChargerState> done);
+  Pending<ChargerState> queryChargingData(Completion<ChargerState> done = {});
   /// The charging sessions.
-  void queryHistory(Completion<ChargingHistory> done);
+  Pending<ChargingHistory> queryHistory(Completion<ChargingHistory> done = {});
   /// The energy delivered over the post's life.
-  void queryCumulativeEnergy(Completion<CumulativeEnergy> done);
+  Pending<CumulativeEnergy> queryCumulativeEnergy(Completion<CumulativeEnergy> done = {});
   /// The error log.
-  void queryErrorLog(Completion<ErrorLog> done);
-  /// The running diagnostics (texts with their units, as decoded).
-  void queryDiagnostics(Completion<TQBleRunDiagnosticInfo> done);
+  Pending<ErrorLog> queryErrorLog(Completion<ErrorLog> done = {});
+  /// The running diagnostics.
+  Pending<Diagnostics> queryDiagnostics(Completion<Diagnostics> done = {});
   /// Requests waiting or running.
   std::size_t queued() const { return queue_.size(); }
+
+  /// Runs the main queue until `request` has ended and returns its outcome: the blocking
+  /// form, for programs without a loop of their own. Every request ends by its time-out
+  /// at the latest.
+  /// @code
+  ///   ChargerClient client;
+  ///   if (!client.wait(client.connect("TQ-AC7-0042")).ok()) return 1;
+  ///   const auto state = client.wait(client.queryChargerState());
+  ///   if (state.ok()) std::printf("%.1f V\n", state.value().volts);
+  /// @endcode
+  template <typename T>
+  Outcome<T> wait(const Pending<T>& request) {
+    while (!request.outcome())
+      runUntil([&request] { return request.outcome().has_value(); }, std::chrono::hours(1));
+    return *request.outcome();
+  }
 
   // ---- Run loop: the main queue, surviving answers the manager cannot decode ----
 
@@ -264,7 +269,10 @@ class ChargerClient {
     std::uint8_t code;  // the command code its answer carries
     Issue issue;
     std::function<void(const Bytes& frame, const ClientError* error)> finish;
+    std::uint64_t id = 0;
+    std::optional<std::chrono::milliseconds> timeout;  // the client's when empty
   };
+  friend class RequestHandle;
   // An answer the post owes, in the order written: to a request (its generation) or to
   // the manager's own query (0).
   struct Owed {
@@ -273,7 +281,7 @@ class ChargerClient {
   };
 
   template <typename T>
-  void enqueue(std::int64_t tag, std::uint8_t code, Issue issue,
+  Pending<T> enqueue(std::int64_t tag, std::uint8_t code, Issue issue,
                std::function<T(const Bytes&)> value, Completion<T> done);
   std::function<SystemInfo(const Bytes&)> systemInfo();
 
@@ -295,6 +303,12 @@ class ChargerClient {
   void pump();
   void writeNext();
   void complete(const Bytes& frame, const ClientError* error);
+  void armRequestTimeout(std::chrono::milliseconds timeout);
+  void endRunning(const ClientError& error);
+  bool cancelRequest(std::uint64_t id);
+  void retime(std::uint64_t id, std::chrono::milliseconds timeout);
+  template <typename T>
+  Completion<T> track(Pending<T>& pending, std::uint64_t id, Completion<T> done);
   void failAll(const ClientError& error);
   void clearPending();
   void onUpdate(bool failed);
@@ -327,6 +341,8 @@ class ChargerClient {
   std::deque<Request> queue_;  // the front one runs when inFlight_
   bool inFlight_ = false;
   std::uint64_t generation_ = 0;  // tells a stale request time-out from the current one
+  std::uint64_t deadline_ = 0;    // tells a replaced time-out from the current one
+  std::uint64_t lastId_ = 0;
   std::deque<Owed> owed_;
   std::unique_ptr<protocol::FrameAssembler> frames_;
   bool stopped_ = false;

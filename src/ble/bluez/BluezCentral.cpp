@@ -16,6 +16,11 @@ using namespace std::chrono_literals;
 constexpr auto kConnectTimeout = 35s;
 // How long bluetoothd may stay away before its absence counts as no Bluetooth at all.
 constexpr auto kResettingLimit = 5s;
+// How long a link found up when connecting may take to go down (bluetoothd keeps one
+// about 2 s after its client asked to disconnect).
+constexpr auto kDyingLinkWait = 4s;
+// How often a lost system bus is looked for again.
+constexpr auto kBusRetry = 500ms;
 // How long a vanished adapter counts as resetting before the next one is chosen.
 constexpr auto kAdapterGoneWait = 300ms;
 constexpr char kConnectionFailed[] = "The connection to the charging post failed.";
@@ -155,27 +160,53 @@ void BluezCentral::start() {
         on([](BluezCentral& self, const BusSignal& s) {
           self.interfacesRemoved(*s.args[0].as<std::string>(), texts(&s.args[1]));
         })));
-    subscriptions_.push_back(bus_->subscribe(
+    subscriptions_.push_back(bus_->subscribeProperties(
         fromBlueZ + "interface='org.freedesktop.DBus.Properties',member='PropertiesChanged',path_namespace='/org/bluez'",
-        "sa{sv}as", on([](BluezCentral& self, const BusSignal& s) {
+        kCharacteristicInterface, on([](BluezCentral& self, const BusSignal& s) {
           self.propertiesChanged(s.path, *s.args[0].as<std::string>(), *s.args[1].as<BusDict>(), texts(&s.args[2]));
-        })));
+        }),
+        [weak](const std::string& path, const Bytes& value) {
+          // A notification or a read's echo: the tree keeps the value it was exported with.
+          auto self = weak.lock();
+          if (auto p = self ? self->owningPeripheral(path) : nullptr) p->valueChanged(path, value);
+        }));
     subscriptions_.push_back(bus_->subscribe(
         "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',member='NameOwnerChanged',"
         "arg0='org.bluez'",
         "sss", on([](BluezCentral& self, const BusSignal& s) { self.ownerChanged(*s.args[2].as<std::string>()); })));
+    subscriptions_.push_back(bus_->whenLost([weak] {
+      if (auto self = weak.lock()) self->busLost();
+    }));
   } catch (const BusFailure& e) {
-    // No system bus (a sandbox) or one that turns us away.
-    TQLog("bluez: %s", e.what());
-    const auto state = e.errorName() == kAccessDenied ? ble::CentralManagerStateUnauthorized
-                                                       : ble::CentralManagerStateUnsupported;
-    MainQueue::main().async([weak = weak_from_this(), state] {
-      if (auto self = weak.lock()) self->setState(state);
+    // No system bus (a sandbox), one that turns us away, or one not back yet.
+    subscriptions_.clear();
+    bus_.reset();
+    if (state_ == ble::CentralManagerStateUnknown) {
+      TQLog("bluez: %s", e.what());
+      const auto state = e.errorName() == kAccessDenied ? ble::CentralManagerStateUnauthorized
+                                                         : ble::CentralManagerStateUnsupported;
+      MainQueue::main().async([weak = weak_from_this(), state] {
+        if (auto self = weak.lock()) self->setState(state);
+      });
+    }
+    MainQueue::main().asyncAfter(kBusRetry, [weak = weak_from_this()] {
+      if (auto self = weak.lock()) self->start();
     });
     return;
   }
   // Subscribed first, then read: nothing between the two is missed.
   sync();
+}
+
+// Like bluetoothd going away, and then looked for on a new connection until one is made.
+void BluezCentral::busLost() {
+  TQLog("bluez: the system bus went away; reconnecting");
+  subscriptions_.clear();
+  bus_.reset();
+  ownerChanged("");
+  MainQueue::main().asyncAfter(kBusRetry, [weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->start();
+  });
 }
 
 void BluezCentral::call(const std::string& path, const std::string& interface, const std::string& method,
@@ -194,6 +225,15 @@ void BluezCentral::sync() {
 
 void BluezCentral::synced(const BusReply& reply, std::uint64_t generation) {
   if (generation != generation_) return;
+  if (reply.error && reply.error->name == kUnreadable) {
+    // One object sd-bus will not read (a neighbour's name that is no valid text) spoils
+    // the whole reply: the tree is read object by object, leaving that one out.
+    TQLog("bluez: bluetoothd's objects read one by one: %s", reply.error->message.c_str());
+    tree_.clear();
+    objectReads_ = 0;
+    readObject("/", generation);
+    return;
+  }
   if (reply.error) {
     // No bluetoothd on the bus, or a policy that keeps us from it.
     setState(reply.error->name == kAccessDenied ? ble::CentralManagerStateUnauthorized
@@ -203,6 +243,43 @@ void BluezCentral::synced(const BusReply& reply, std::uint64_t generation) {
   tree_.clear();
   for (const auto& [path, interfaces] : *reply.values.at(0).as<BusDict>()) tree_.add(path, interfacesOf(interfaces));
   chooseAdapter();
+}
+
+void BluezCentral::readObject(const std::string& path, std::uint64_t generation) {
+  ++objectReads_;
+  call(path, "org.freedesktop.DBus.Introspectable", "Introspect", {}, kCallTimeout, "s",
+       [weak = weak_from_this(), path, generation](const BusReply& reply) {
+         auto self = weak.lock();
+         if (!self || self->generation_ != generation) return;
+         const auto* xml = reply.error ? nullptr : reply.values.at(0).as<std::string>();
+         // Children are <node name="..."/>, interfaces <interface name="...">.
+         for (std::size_t at = 0; xml && (at = xml->find('<', at)) != std::string::npos; ++at) {
+           const bool node = xml->compare(at, 6, "<node ") == 0;
+           if (!node && xml->compare(at, 11, "<interface ") != 0) continue;
+           const auto open = xml->find("name=\"", at);
+           if (open == std::string::npos || open > xml->find('>', at)) continue;
+           const auto name = xml->substr(open + 6, xml->find('"', open + 6) - open - 6);
+           if (node) self->readObject(path == "/" ? "/" + name : path + "/" + name, generation);
+           else if (name.rfind("org.bluez.", 0) == 0) self->readInterface(path, name, generation);
+         }
+         self->objectRead(generation);
+       });
+}
+
+void BluezCentral::readInterface(const std::string& path, const std::string& interface, std::uint64_t generation) {
+  ++objectReads_;
+  call(path, "org.freedesktop.DBus.Properties", "GetAll", {BusValue(interface)}, kCallTimeout, "a{sv}",
+       [weak = weak_from_this(), path, interface, generation](const BusReply& reply) {
+         auto self = weak.lock();
+         if (!self || self->generation_ != generation) return;
+         if (reply.error) TQLog("bluez: %s of %s left out: %s", interface.c_str(), path.c_str(), reply.error->message.c_str());
+         else self->tree_.add(path, {{interface, *reply.values.at(0).as<BusDict>()}});
+         self->objectRead(generation);
+       });
+}
+
+void BluezCentral::objectRead(std::uint64_t generation) {
+  if (--objectReads_ == 0 && generation == generation_) chooseAdapter();
 }
 
 void BluezCentral::ownerChanged(const std::string& newOwner) {
@@ -244,7 +321,7 @@ void BluezCentral::setState(std::int64_t state) {
   if (state == state_) return;
   if (state_ == ble::CentralManagerStatePoweredOn) {
     // As on a phone: leaving powered-on stops the scan and drops links without a report.
-    scanning_ = false;
+    forgetDiscovery();
     for (auto& [path, peripheral] : peripherals_) {
       if (peripheral->link() != BluezPeripheral::Link::Disconnected) peripheral->linkDown();
     }
@@ -299,6 +376,7 @@ void BluezCentral::propertiesChanged(const std::string& path, const std::string&
     if (!p) return;
     if (const auto* c = changed.contains("Connected") ? changed.at("Connected").as<bool>() : nullptr; c && !*c) {
       if (p->link() == BluezPeripheral::Link::Connected) loseLink(*p, TQError{kLinkLost, kConnectionTimeoutCode, {}});
+      if (auto it = linkEndAwaited_.find(path); it != linkEndAwaited_.end()) sendConnect(p, it->second);
     }
     if (const auto* r = changed.contains("ServicesResolved") ? changed.at("ServicesResolved").as<bool>() : nullptr; r && *r) {
       p->servicesResolved();
@@ -337,24 +415,62 @@ void BluezCentral::scanForPeripheralsWithServices(const std::vector<ble::UUID>& 
   if (state_ != ble::CentralManagerStatePoweredOn) return;
   scanning_ = true;
   filter_ = serviceUUIDs;
+  // A running session takes the new filter; otherwise it is set as the session starts.
+  if (discovery_ == Discovery::On) setDiscoveryFilter(adapter_, {});
+  else discover();
+}
+
+void BluezCentral::setDiscoveryFilter(const std::string& adapter, Bus::ReplyHandler then) {
   std::vector<std::string> uuids;
-  for (const auto& u : serviceUUIDs) uuids.push_back(u.fullString());
+  for (const auto& u : filter_) uuids.push_back(u.fullString());
   // Duplicates wanted: every advertisement heard is one report.
   BusDict filter{{"Transport", BusValue("le")}, {"DuplicateData", BusValue(true)}};
   if (!uuids.empty()) filter["UUIDs"] = BusValue(uuids);
-  const auto adapter = adapter_;
   call(adapter, kAdapterInterface, "SetDiscoveryFilter", {BusValue(filter)}, kCallTimeout, "",
-       [weak = weak_from_this(), adapter](const BusReply& reply) {
-         auto self = weak.lock();
-         if (!self || !self->scanning_ || self->adapter_ != adapter) return;
+       [then = std::move(then)](const BusReply& reply) {
          if (reply.error) TQLog("bluez: discovery filter refused: %s", reply.error->message.c_str());
-         self->call(adapter, kAdapterInterface, "StartDiscovery", {}, kCallTimeout, "", [](const BusReply& r) {
-           // InProgress: this connection's session is already running.
-           if (r.error && r.error->name != "org.bluez.Error.InProgress") {
-             TQLog("bluez: scanning refused: %s %s", r.error->name.c_str(), r.error->message.c_str());
-           }
-         });
+         if (then) then(reply);
        });
+}
+
+// One StartDiscovery or StopDiscovery at a time: a start sent while bluetoothd still ends
+// the session gets InProgress, and the session then ends all the same.
+void BluezCentral::discover() {
+  if (discovery_ == Discovery::Starting || discovery_ == Discovery::Stopping) return;  // the reply looks again
+  const auto adapter = adapter_;
+  const auto epoch = discoveryEpoch_;
+  auto settled = [weak = weak_from_this(), epoch](Discovery now) {
+    return [weak, epoch, now](const BusReply& reply) {
+      auto self = weak.lock();
+      if (!self || self->discoveryEpoch_ != epoch) return;
+      // InProgress at a start: this connection's session is running already.
+      const bool ok = !reply.error || (now == Discovery::On && reply.error->name == "org.bluez.Error.InProgress");
+      if (!ok && now == Discovery::On) {
+        TQLog("bluez: scanning refused: %s %s", reply.error->name.c_str(), reply.error->message.c_str());
+        self->discovery_ = Discovery::Off;
+        return;
+      }
+      // A refused stop (NotReady, "No discovery started") leaves no session either.
+      self->discovery_ = ok ? now : Discovery::Off;
+      self->discover();
+    };
+  };
+  if (scanning_ && discovery_ == Discovery::Off) {
+    discovery_ = Discovery::Starting;
+    setDiscoveryFilter(adapter, [this, adapter, next = settled(Discovery::On), weak = weak_from_this()](const BusReply&) {
+      if (weak.lock()) call(adapter, kAdapterInterface, "StartDiscovery", {}, kCallTimeout, "", next);
+    });
+  } else if (!scanning_ && discovery_ == Discovery::On) {
+    discovery_ = Discovery::Stopping;
+    call(adapter, kAdapterInterface, "StopDiscovery", {}, kCallTimeout, "", settled(Discovery::Off));
+  }
+}
+
+/// bluetoothd ended every session (power-off, adapter or daemon gone): replies still on their way are dropped.
+void BluezCentral::forgetDiscovery() {
+  scanning_ = false;
+  discovery_ = Discovery::Off;
+  ++discoveryEpoch_;
 }
 
 void BluezCentral::heard(const std::string& path) {
@@ -392,8 +508,7 @@ void BluezCentral::stopScan() {
   if (!scanning_) return;
   // Cleared first: reports already on their way are dropped.
   scanning_ = false;
-  // NotReady (powered off) and "No discovery started" need nothing more.
-  call(adapter_, kAdapterInterface, "StopDiscovery", {}, kCallTimeout);
+  discover();
 }
 
 // ---- Links ---------------------------------------------------------------------------
@@ -404,6 +519,26 @@ void BluezCentral::connectPeripheral(const std::shared_ptr<ble::Peripheral>& per
   if (p->link() != BluezPeripheral::Link::Disconnected) return;
   p->beginConnecting();
   const auto attempt = p->linkNumber();
+  if (tree_.flag(p->path(), kDeviceInterface, "Connected")) {
+    // A link we did not make: an earlier process's, which bluetoothd may still be closing
+    // (it then refuses notifications). It is closed, its end awaited within limits, and
+    // a fresh link made.
+    linkEndAwaited_[p->path()] = attempt;
+    call(p->path(), kDeviceInterface, "Disconnect", {}, kCallTimeout);
+    MainQueue::main().asyncAfter(kDyingLinkWait, [weak = weak_from_this(), p, attempt] {
+      if (auto self = weak.lock()) self->sendConnect(p, attempt);
+    });
+    return;
+  }
+  sendConnect(p, attempt);
+}
+
+void BluezCentral::sendConnect(const std::shared_ptr<BluezPeripheral>& p, std::uint64_t attempt) {
+  if (p->linkNumber() != attempt || p->link() != BluezPeripheral::Link::Connecting) return;
+  if (auto it = linkEndAwaited_.find(p->path()); it != linkEndAwaited_.end()) {
+    if (it->second != attempt) return;
+    linkEndAwaited_.erase(it);
+  }
   call(p->path(), kDeviceInterface, "Connect", {}, kConnectTimeout, "",
        [weak = weak_from_this(), p, attempt](const BusReply& reply) {
          auto self = weak.lock();
@@ -445,7 +580,7 @@ void BluezCentral::closeAtExit(const std::string& devicePath, bool close) {
 }
 
 void BluezCentral::loseLinks() {
-  scanning_ = false;
+  forgetDiscovery();
   for (auto& [path, peripheral] : peripherals_) {
     if (peripheral->link() != BluezPeripheral::Link::Disconnected) {
       loseLink(*peripheral, TQError{kLinkLost, kConnectionTimeoutCode, {}});

@@ -68,7 +68,8 @@ class BluezCharacteristic final : public ble::Characteristic {
   Bytes value() const override { return value_; }
   std::shared_ptr<ble::Service> service() const override;
   const std::string& path() const { return path_; }
-  void setValue(Bytes value) { value_ = std::move(value); }
+  /// Keeps the storage: a stream of notifications of one size allocates nothing.
+  void setValue(const Bytes& value) { value_.assign(value.begin(), value.end()); }
 
  private:
   std::string path_;
@@ -156,7 +157,7 @@ class BluezCentral final : public ble::CentralManager, public std::enable_shared
  public:
   explicit BluezCentral(std::weak_ptr<ble::CentralManagerDelegate> delegate) : delegate_(std::move(delegate)) {}
 
-  /// Opens the bus, subscribes, then reads the object tree.
+  /// Opens the bus, subscribes, then reads the object tree; tries again later while no bus answers.
   void start();
 
   std::int64_t state() const override { return state_; }
@@ -178,8 +179,13 @@ class BluezCentral final : public ble::CentralManager, public std::enable_shared
 
  private:
   std::shared_ptr<ble::CentralManagerDelegate> liveDelegate() const { return delegate_.lock(); }
+  void busLost();
+  void sendConnect(const std::shared_ptr<BluezPeripheral>& p, std::uint64_t attempt);
   void sync();
   void synced(const BusReply& reply, std::uint64_t generation);
+  void readObject(const std::string& path, std::uint64_t generation);
+  void readInterface(const std::string& path, const std::string& interface, std::uint64_t generation);
+  void objectRead(std::uint64_t generation);
   void ownerChanged(const std::string& newOwner);
   void interfacesAdded(const std::string& path, const BusInterfaces& interfaces);
   void interfacesRemoved(const std::string& path, const std::vector<std::string>& interfaces);
@@ -189,6 +195,9 @@ class BluezCentral final : public ble::CentralManager, public std::enable_shared
   void adapterGone();
   void setState(std::int64_t state);
   void heard(const std::string& path);
+  void setDiscoveryFilter(const std::string& adapter, Bus::ReplyHandler then);
+  void discover();
+  void forgetDiscovery();
   std::shared_ptr<BluezPeripheral> peripheralAt(const std::string& path);
   std::shared_ptr<BluezPeripheral> knownPeripheral(const std::string& path) const;
   std::shared_ptr<BluezPeripheral> owningPeripheral(const std::string& path) const;
@@ -200,9 +209,14 @@ class BluezCentral final : public ble::CentralManager, public std::enable_shared
   std::uint64_t generation_ = 0;  // counts tree reads: a late reply of an older one is dropped
   std::int64_t state_ = ble::CentralManagerStateUnknown;
   std::string adapter_;
-  bool scanning_ = false;
+  bool scanning_ = false;  // what the application asked for
+  // bluetoothd's discovery session for this connection, as its replies tell.
+  enum class Discovery { Off, Starting, On, Stopping } discovery_ = Discovery::Off;
+  std::uint64_t discoveryEpoch_ = 0;
   std::vector<ble::UUID> filter_;
   std::map<std::string, std::shared_ptr<BluezPeripheral>> peripherals_;
+  std::map<std::string, std::uint64_t> linkEndAwaited_;  // device → connection attempt
+  std::size_t objectReads_ = 0;  // calls of an object-by-object read still unanswered
 };
 
 /// Makes a BlueZ central for `delegate`; its first state report arrives asynchronously.

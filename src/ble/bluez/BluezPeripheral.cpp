@@ -24,6 +24,7 @@ constexpr char kChargerService[] = "FFF0";
 constexpr char kDiscoveryFailed[] = "The services of the charging post could not be discovered.";
 constexpr char kReadFailed[] = "Reading the characteristic failed.";
 constexpr char kWriteFailed[] = "Writing the characteristic failed.";
+constexpr char kNotifyFailed[] = "The notifications of the charging post could not be set up.";
 
 // The attribute handle bluetoothd puts in the path as four hex digits (".../service000a/char000b").
 unsigned long handleOf(const std::string& path) {
@@ -239,9 +240,17 @@ void BluezPeripheral::setNotifyValue(bool enabled, const std::shared_ptr<ble::Ch
   else notifying_.erase(mine->path());
   // One session per client: a repeated start is answered with success or InProgress.
   central->call(mine->path(), kCharacteristicInterface, enabled ? "StartNotify" : "StopNotify", {}, kCallTimeout, "",
-                [path = mine->path()](const BusReply& reply) {
-                  if (reply.error && reply.error->name != "org.bluez.Error.InProgress") {
-                    TQLog("bluez: notifications of %s: %s", path.c_str(), reply.error->message.c_str());
+                [weak = weak_from_this(), link = linkNumber_, enabled, path = mine->path()](const BusReply& reply) {
+                  if (!reply.error || reply.error->name == "org.bluez.Error.InProgress") return;
+                  TQLog("bluez: notifications of %s: %s %s", path.c_str(), reply.error->name.c_str(),
+                        reply.error->message.c_str());
+                  auto self = weak.lock();
+                  if (!enabled || !self || self->linkNumber_ != link || self->link_ != Link::Connected) return;
+                  // Without notifications no answer ever arrives: the link is of no use.
+                  self->notifying_.erase(path);
+                  if (auto central = self->liveCentral()) {
+                    central->call(self->path_, kDeviceInterface, "Disconnect", {}, kCallTimeout);
+                    central->loseLink(*self, busError(*reply.error, kNotifyFailed, kConnectionFailedCode));
                   }
                 });
 }

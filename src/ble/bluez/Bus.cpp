@@ -1,18 +1,30 @@
-// The only file that speaks sdbus-c++. Its loop thread reads messages into BusValues by
-// their signatures and posts them to the main queue; everything else happens there.
-#include "Bus.h"
+// The only file pair that speaks sdbus-c++ (with BusObjects.cpp): the connection, its
+// messages read into BusValues by their signatures and written from them, calls to other
+// services and signal subscriptions. Everything it hands over runs on the main queue.
+#include "BusWire.h"
 
-#include <sdbus-c++/sdbus-c++.h>
+#include <systemd/sd-bus.h>
+
+#include <cstring>
 
 #include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <string_view>
 
+#include "tqble/platform/Log.h"
 #include "tqble/platform/MainQueue.h"
 
 namespace tqble::bluez {
-namespace {
+namespace wire {
+
+// sdbus-c++ 1.2 keeps its sd-bus message to itself; a class derived from it may name it.
+struct RawMessage : sdbus::Message {
+  static sd_bus_message* of(const sdbus::Message& m) {
+    return static_cast<sd_bus_message*>(m.*(&RawMessage::msg_));
+  }
+};
+
 
 [[noreturn]] void misfit(std::string_view signature) {
   throw BusFailure("value does not fit the D-Bus signature '" + std::string(signature) + "'",
@@ -90,7 +102,17 @@ void write(sdbus::Message& m, const BusValue& v, std::string_view sig) {
       else m << static_cast<double>(needInt(v, sig));
       return;
     }
-    case 's': m << need<std::string>(v, sig); return;
+    case 's': {
+      if (const auto* bytes = v.as<Bytes>()) {
+        // Text given as bytes goes out as it is, unchecked: what a misbehaving peer may send.
+        char* space = nullptr;
+        if (sd_bus_message_append_string_space(RawMessage::of(m), bytes->size(), &space) < 0) misfit(sig);
+        std::copy(bytes->begin(), bytes->end(), space);
+        return;
+      }
+      m << need<std::string>(v, sig);
+      return;
+    }
     case 'o': m << sdbus::ObjectPath(need<std::string>(v, sig)); return;
     case 'g': m << sdbus::Signature(need<std::string>(v, sig)); return;
     case 'a': {
@@ -270,41 +292,119 @@ BusList readAll(sdbus::Message& m, std::string_view sig) {
   return out;
 }
 
-void post(MainQueue::Task task) { MainQueue::main().async(std::move(task)); }
+namespace {
 
-constexpr char kUnknownMethod[] = "org.freedesktop.DBus.Error.UnknownMethod";
+// The inbox of the connection being read on this thread, if any.
+thread_local std::vector<Delivery>* tInbox = nullptr;
+
+// Reads a PropertiesChanged that changes nothing but `Value` (ay) of `interface` straight
+// into `buffer`: one array read, no value tree. False (and nothing taken) for any other.
+bool takeValue(sdbus::Message& m, const std::string& interface, const std::shared_ptr<ValueBuffer>& buffer) {
+  sd_bus_message* raw = RawMessage::of(m);
+  const char* text = nullptr;
+  const void* data = nullptr;
+  std::size_t size = 0;
+  const bool value = sd_bus_message_read_basic(raw, 's', &text) > 0 && interface == text &&
+                     sd_bus_message_enter_container(raw, 'a', "{sv}") > 0 &&
+                     sd_bus_message_enter_container(raw, 'e', "sv") > 0 &&
+                     sd_bus_message_read_basic(raw, 's', &text) > 0 && std::strcmp(text, "Value") == 0 &&
+                     sd_bus_message_enter_container(raw, 'v', "ay") > 0 &&
+                     sd_bus_message_read_array(raw, 'y', &data, &size) >= 0 && sd_bus_message_exit_container(raw) >= 0 &&
+                     sd_bus_message_exit_container(raw) >= 0 && sd_bus_message_at_end(raw, 0) > 0;
+  if (!value || !tInbox) {
+    sd_bus_message_rewind(raw, 1);
+    return false;
+  }
+  auto& b = *buffer;
+  if (b.used == b.items.size()) b.items.emplace_back();
+  auto& [path, bytes] = b.items[b.used++];
+  path.assign(sd_bus_message_get_path(raw));
+  const auto* first = static_cast<const std::uint8_t*>(data);
+  bytes.assign(first, first + size);
+  if (!tInbox->empty() && tInbox->back().key == &b) ++tInbox->back().count;
+  else tInbox->push_back(Delivery{{}, buffer, &b, 1});
+  return true;
+}
 
 }  // namespace
 
-const BusValue* BusValue::at(const std::string& key) const {
-  const auto* dict = as<BusDict>();
-  if (!dict) return nullptr;
-  auto it = dict->find(key);
-  return it == dict->end() ? nullptr : &it->second;
+// A signal that cannot be read costs only itself; the first of a kind is logged.
+void refused(const BusSignal& signal, const std::exception& e) {
+  static thread_local std::string last;
+  if (last == signal.interface + signal.member) return;
+  last = signal.interface + signal.member;
+  TQLog("bus: a %s.%s signal of %s is left out: %s", signal.interface.c_str(), signal.member.c_str(),
+        signal.path.c_str(), e.what());
 }
 
-// ---- Bus --------------------------------------------------------------------------------
+void post(MainQueue::Task task) {
+  if (tInbox) tInbox->push_back(Delivery{std::move(task), {}, nullptr, 0});
+  else MainQueue::main().async(std::move(task));
+}
 
-struct Bus::Impl {
-  // Shared with the exported objects, which may outlive the bus's own use of it.
-  std::shared_ptr<sdbus::IConnection> connection;
-  std::atomic<bool> closed{false};
-  std::mutex mutex;  // proxies and calls left for closing, used from any thread
-  std::map<std::pair<std::string, std::string>, std::unique_ptr<sdbus::IProxy>> proxies;
-  struct Farewell {
-    std::string service, path, interface, method;
-  };
-  std::map<std::string, Farewell> farewells;
-  std::vector<sdbus::PendingAsyncCall> inFlight;
-  std::string uniqueName;
+}  // namespace wire
 
-  // Proxies outlive their pending calls: they stay until the bus goes.
-  sdbus::IProxy& proxy(const std::string& service, const std::string& path) {
-    auto& slot = proxies[{service, path}];
-    if (!slot) slot = sdbus::createProxy(*connection, service, path);
-    return *slot;
+using namespace wire;
+
+void Bus::Impl::dispatch() {
+  auto* outer = tInbox;
+  tInbox = &inbox;
+  try {
+    while (connection->processPendingRequest()) {
+    }
+  } catch (const sdbus::Error& e) {
+    // The bus daemon went away (sd-bus has already failed the calls awaiting replies).
+    lost = true;
+    closed = true;
+    MainQueue::main().unwatch(watcher);
+    for (const auto& weak : lossHandlers) {
+      if (auto handler = weak.lock()) post([weak] { if (auto h = weak.lock()) (*h)(); });
+    }
   }
-};
+  tInbox = outer;
+  drain();
+}
+
+void Bus::Impl::drain() {
+  struct Rest {
+    Impl& impl;
+    ~Rest() {
+      auto& inbox = impl.inbox;
+      // A task threw: the others of this wake-up still run, in order, after it.
+      for (; impl.next < inbox.size(); ++impl.next) {
+        auto& d = inbox[impl.next];
+        if (d.task) {
+          MainQueue::main().async(std::move(d.task));
+        } else if (auto b = d.values.lock()) {
+          std::vector<std::pair<std::string, Bytes>> left(b->items.begin() + static_cast<std::ptrdiff_t>(b->next),
+                                                          b->items.begin() + static_cast<std::ptrdiff_t>(b->next + d.count));
+          b->next += d.count;
+          if (b->next == b->used) b->next = b->used = 0;
+          MainQueue::main().async([b, left = std::move(left)] {
+            for (const auto& [path, bytes] : left) b->handler(path, bytes);
+          });
+        }
+      }
+      inbox.clear();
+      impl.next = 0;
+    }
+  } rest{*this};
+  while (next < inbox.size()) {
+    if (inbox[next].task) {
+      auto task = std::move(inbox[next++].task);
+      task();
+      continue;
+    }
+    auto b = inbox[next].values.lock();
+    while (b && inbox[next].count > 0) {
+      --inbox[next].count;
+      const auto& [path, bytes] = b->items[b->next++];
+      if (b->next == b->used) b->next = b->used = 0;  // the slot stays readable until reused
+      b->handler(path, bytes);
+    }
+    ++next;
+  }
+}
 
 Bus::Bus(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
@@ -316,10 +416,25 @@ std::shared_ptr<Bus> Bus::openSystem() {
   try {
     impl->connection = sdbus::createSystemBusConnection();
     impl->uniqueName = impl->connection->getUniqueName();
-    impl->connection->enterEventLoopAsync();
   } catch (const sdbus::Error& e) {
     throw BusFailure("cannot reach the system bus: " + e.getMessage(), e.getName());
   }
+  // The main queue reads the connection itself: one wake-up per message, no hand-over.
+  Impl* raw = impl.get();
+  raw->watcher = MainQueue::main().watch(
+      [raw] {
+        MainQueue::Interest interest;
+        try {
+          const auto poll = raw->connection->getEventLoopPollData();
+          interest.fd = poll.fd;
+          interest.events = poll.events;
+          if (const auto left = poll.getRelativeTimeout()) interest.deadline = MainQueue::Clock::now() + *left;
+        } catch (const sdbus::Error&) {
+          interest.deadline = MainQueue::Clock::now();  // broken: reading it tells
+        }
+        return interest;
+      },
+      [raw] { raw->dispatch(); });
   return std::make_shared<Bus>(std::move(impl));
 }
 
@@ -342,9 +457,18 @@ std::string Bus::uniqueName() const { return impl_->uniqueName; }
 
 bool Bus::closed() const { return impl_->closed.load(); }
 
+bool Bus::lost() const { return impl_->lost; }
+
+BusSubscription Bus::whenLost(std::function<void()> handler) {
+  auto token = std::make_shared<std::function<void()>>(std::move(handler));
+  std::erase_if(impl_->lossHandlers, [](const auto& weak) { return weak.expired(); });
+  impl_->lossHandlers.push_back(token);
+  return BusSubscription(token);
+}
+
 void Bus::close() {
+  MainQueue::main().unwatch(impl_->watcher);
   if (impl_->closed.exchange(true)) return;
-  impl_->connection->leaveEventLoop();
   std::lock_guard lock(impl_->mutex);
   for (const auto& [key, f] : impl_->farewells) {
     try {
@@ -381,7 +505,8 @@ void Bus::call(const std::string& service, const std::string& path, const std::s
       try {
         out.values = readAll(reply, replySignature);
       } catch (const std::exception& e) {
-        out.error = BusError{"org.freedesktop.DBus.Error.InvalidSignature", e.what()};
+        // Not the values expected, or ones sd-bus will not read (a text that is no valid UTF-8).
+        out.error = BusError{kUnreadable, e.what()};
       }
     }
     post([onReply, out = std::move(out)] { onReply(out); });
@@ -424,8 +549,44 @@ BusSubscription Bus::subscribe(const std::string& rule, const std::string& signa
       BusSignal signal{m.getSender(), m.getPath(), m.getInterfaceName(), m.getMemberName(), {}};
       try {
         signal.args = readAll(m, signature);
-      } catch (const std::exception&) {
-        return;  // not the shape subscribed to
+      } catch (const std::exception& e) {
+        refused(signal, e);  // not the shape subscribed to
+        return;
+      }
+      post([weak, signal = std::move(signal)] {
+        if (auto s = weak.lock()) s->handler(signal);
+      });
+    });
+  } catch (const sdbus::Error& e) {
+    throw BusFailure("match rule refused: " + e.getMessage(), e.getName());
+  }
+  return BusSubscription(state);
+}
+
+BusSubscription Bus::subscribeProperties(const std::string& rule, const std::string& interface, SignalHandler handler,
+                                         ValueHandler onValue) {
+  if (closed() || !impl_->connection) return {};
+  struct State {
+    std::shared_ptr<sdbus::IConnection> connection;  // outlives `slot`
+    SignalHandler handler;
+    std::shared_ptr<ValueBuffer> values = std::make_shared<ValueBuffer>();
+    sdbus::Slot slot;
+  };
+  auto state = std::make_shared<State>();
+  state->connection = impl_->connection;
+  state->handler = std::move(handler);
+  state->values->handler = std::move(onValue);
+  std::weak_ptr<State> weak = state;
+  try {
+    state->slot = impl_->connection->addMatch(rule, [weak, interface](sdbus::Message& m) {
+      auto s = weak.lock();
+      if (!s || takeValue(m, interface, s->values)) return;
+      BusSignal signal{m.getSender(), m.getPath(), m.getInterfaceName(), m.getMemberName(), {}};
+      try {
+        signal.args = readAll(m, "sa{sv}as");
+      } catch (const std::exception& e) {
+        refused(signal, e);
+        return;
       }
       post([weak, signal = std::move(signal)] {
         if (auto s = weak.lock()) s->handler(signal);
@@ -453,211 +614,11 @@ void Bus::releaseName(const std::string& name) {
   }
 }
 
-// ---- Exported objects -------------------------------------------------------------------
-
-struct BusCall::Pending {
-  explicit Pending(sdbus::MethodCall m, std::string out) : call(std::move(m)), outSignature(std::move(out)) {}
-  sdbus::MethodCall call;
-  std::string outSignature;
-  bool answered = false;
-};
-
-void BusCall::reply(const BusList& values) const {
-  if (pending_->answered) return;
-  pending_->answered = true;
-  auto message = pending_->call.createReply();
-  try {
-    writeAll(message, values, pending_->outSignature);
-  } catch (const BusFailure& e) {
-    pending_->call.createErrorReply(sdbus::Error(e.errorName(), e.what())).send();
-    return;
-  }
-  message.send();
-}
-
-void BusCall::fail(const std::string& name, const std::string& message) const {
-  if (pending_->answered) return;
-  pending_->answered = true;
-  pending_->call.createErrorReply(sdbus::Error(name, message)).send();
-}
-
-struct BusObject::Impl {
-  struct Shared {
-    std::mutex mutex;  // property values, read by the bus thread
-    std::map<std::pair<std::string, std::string>, BusValue> properties;
-    std::map<std::pair<std::string, std::string>, Method> methods;
-    PropertyWritten written;
-  };
-  std::shared_ptr<sdbus::IConnection> connection;  // outlives `object`
-  std::shared_ptr<Shared> shared = std::make_shared<Shared>();  // outlives `object` too
-  std::unique_ptr<sdbus::IObject> object;
-  std::vector<std::string> interfaces;
-  std::string path;
-
-  void noteInterface(const std::string& interface) {
-    if (std::find(interfaces.begin(), interfaces.end(), interface) == interfaces.end()) interfaces.push_back(interface);
-  }
-};
-
-BusObject::BusObject(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
-BusObject::~BusObject() = default;
-
-const std::string& BusObject::path() const { return impl_->path; }
-
-void BusObject::addMethod(const std::string& interface, const std::string& name, const std::string& in,
-                          const std::string& out, Method handler) {
-  impl_->noteInterface(interface);
-  {
-    std::lock_guard lock(impl_->shared->mutex);
-    impl_->shared->methods[{interface, name}] = std::move(handler);
-  }
-  std::weak_ptr<Impl::Shared> weak = impl_->shared;
-  impl_->object->registerMethod(interface, name, in, out, [weak, interface, name, in, out](sdbus::MethodCall m) {
-    BusList args;
-    try {
-      args = readAll(m, in);
-    } catch (const std::exception& e) {
-      m.createErrorReply(sdbus::Error("org.freedesktop.DBus.Error.InvalidArgs", e.what())).send();
-      return;
-    }
-    auto sender = m.getSender();
-    auto pending = std::make_shared<BusCall::Pending>(std::move(m), out);
-    post([weak, interface, name, call = BusCall(pending, std::move(sender), std::move(args))] {
-      Method method;
-      if (auto shared = weak.lock()) {
-        std::lock_guard lock(shared->mutex);
-        method = shared->methods[{interface, name}];
-      }
-      if (method) method(call);
-      else call.fail(kUnknownMethod, "the object is gone");
-    });
-  });
-}
-
-void BusObject::addProperty(const std::string& interface, const std::string& name, BusValue initial,
-                            bool writable) {
-  impl_->noteInterface(interface);
-  const std::string signature = initial.signature();
-  {
-    std::lock_guard lock(impl_->shared->mutex);
-    impl_->shared->properties[{interface, name}] = std::move(initial);
-  }
-  std::weak_ptr<Impl::Shared> weak = impl_->shared;
-  // Runs on whichever thread asks; only sdbus::Error may leave it (as an error reply).
-  auto getter = [weak, interface, name, signature](sdbus::PropertyGetReply& reply) {
-    auto shared = weak.lock();
-    if (!shared) throw sdbus::Error("org.freedesktop.DBus.Error.UnknownObject", "the object is gone");
-    BusValue value;
-    {
-      std::lock_guard lock(shared->mutex);
-      value = shared->properties[{interface, name}];
-    }
-    try {
-      write(reply, value, signature);
-    } catch (const BusFailure& e) {
-      throw sdbus::Error(e.errorName(), e.what());
-    }
-  };
-  if (!writable) {
-    impl_->object->registerProperty(interface, name, signature, std::move(getter));
-    return;
-  }
-  impl_->object->registerProperty(
-      interface, name, signature, std::move(getter),
-      [weak, object = impl_->object.get(), interface, name, signature](sdbus::PropertySetCall& call) {
-        std::optional<BusValue> value;
-        try {
-          value = read(call, signature);
-        } catch (const BusFailure& e) {
-          throw sdbus::Error(e.errorName(), e.what());
-        }
-        auto shared = weak.lock();
-        if (!value || !shared) return;
-        {
-          std::lock_guard lock(shared->mutex);
-          shared->properties[{interface, name}] = std::move(*value);
-        }
-        object->emitPropertiesChangedSignal(interface, {name});
-        post([weak, interface, name] {
-          auto s = weak.lock();
-          if (!s) return;
-          PropertyWritten written;
-          {
-            std::lock_guard lock(s->mutex);
-            written = s->written;
-          }
-          if (written) written(interface, name);
-        });
-      });
-}
-
-void BusObject::addSignal(const std::string& interface, const std::string& name, const std::string& signature) {
-  impl_->noteInterface(interface);
-  impl_->object->registerSignal(interface, name, signature);
-}
-
-void BusObject::onPropertyWritten(PropertyWritten handler) {
-  std::lock_guard lock(impl_->shared->mutex);
-  impl_->shared->written = std::move(handler);
-}
-
-void BusObject::finish() {
-  try {
-    impl_->object->finishRegistration();
-  } catch (const sdbus::Error& e) {
-    throw BusFailure("cannot export " + impl_->path + ": " + e.getMessage(), e.getName());
-  }
-}
-
-BusValue BusObject::get(const std::string& interface, const std::string& name) const {
-  std::lock_guard lock(impl_->shared->mutex);
-  auto it = impl_->shared->properties.find({interface, name});
-  return it == impl_->shared->properties.end() ? BusValue{} : it->second;
-}
-
-void BusObject::set(const std::string& interface, const std::string& name, BusValue value) {
-  setQuietly(interface, name, std::move(value));
-  emitChanged(interface, {name});
-}
-
-void BusObject::setQuietly(const std::string& interface, const std::string& name, BusValue value) {
-  std::lock_guard lock(impl_->shared->mutex);
-  impl_->shared->properties[{interface, name}] = std::move(value);
-}
-
-void BusObject::emitChanged(const std::string& interface, const std::vector<std::string>& names) {
-  impl_->object->emitPropertiesChangedSignal(interface, names);
-}
-
-void BusObject::emitSignal(const std::string& interface, const std::string& name, const BusList& args) {
-  auto signal = impl_->object->createSignal(interface, name);
-  std::string signature;
-  for (const auto& arg : args) signature += arg.signature();
-  writeAll(signal, args, signature);
-  impl_->object->emitSignal(signal);
-}
-
-void BusObject::emitAdded() { impl_->object->emitInterfacesAddedSignal(impl_->interfaces); }
-
-void BusObject::emitRemoved() { impl_->object->emitInterfacesRemovedSignal(impl_->interfaces); }
-
-std::unique_ptr<BusObject> Bus::exportObject(const std::string& path) {
-  auto impl = std::make_unique<BusObject::Impl>();
-  if (closed()) throw BusFailure("cannot export " + path + ": the bus is closed", kUnknownMethod);
-  impl->path = path;
-  impl->connection = impl_->connection;
-  impl->object = sdbus::createObject(*impl_->connection, path);
-  return std::make_unique<BusObject>(std::move(impl));
-}
-
-std::unique_ptr<BusObject> Bus::exportObjectManager(const std::string& path) {
-  auto object = exportObject(path);
-  try {
-    object->impl_->object->addObjectManager();
-  } catch (const sdbus::Error& e) {
-    throw BusFailure("cannot export an object manager at " + path + ": " + e.getMessage(), e.getName());
-  }
-  return object;
+const BusValue* BusValue::at(const std::string& key) const {
+  const auto* dict = as<BusDict>();
+  if (!dict) return nullptr;
+  auto it = dict->find(key);
+  return it == dict->end() ? nullptr : &it->second;
 }
 
 }  // namespace tqble::bluez

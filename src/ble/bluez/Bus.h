@@ -1,11 +1,12 @@
 #pragma once
 
-// The D-Bus plumbing of the BlueZ backends: one connection with its own loop thread that
-// only turns messages into plain values and hands them to MainQueue::main(). Both sides
-// live here: calls and signal subscriptions for a client of bluetoothd, exported objects
-// (methods, properties, an object manager) for a server such as an advertised GATT
-// application or a stand-in bluetoothd. Nothing outside this file pair sees the D-Bus
-// library; every callback given to it runs on the main queue.
+// The D-Bus plumbing of the BlueZ backends: connections read by the main queue itself
+// (it watches their sockets), whose messages are turned into plain values and handed to
+// the callbacks once everything one wake-up brought is read. This file
+// has the values and the connection as a client of other services (calls, signal
+// subscriptions); BusObjects.h has what a server exports (methods, properties, an object
+// manager), e.g. an advertised GATT application or a stand-in bluetoothd. Nothing outside
+// these files sees the D-Bus library; every callback given to it runs on the main queue.
 
 #include <chrono>
 #include <cstdint>
@@ -47,6 +48,7 @@ class BusValue {
   BusValue(std::vector<std::string> v) : signature_("as"), data_(std::move(v)) {}
   BusValue(BusDict v) : signature_("a{sv}"), data_(std::move(v)) {}
   /// Any value with an explicit signature ("o" for a path, "n" for int16, "a{qv}", ...).
+  /// A text ("s") given as Bytes is sent unchecked, as it is.
   BusValue(std::string signature, Data data) : signature_(std::move(signature)), data_(std::move(data)) {}
 
   /// `inner` wrapped in a variant, for arguments declared `v`.
@@ -85,6 +87,9 @@ struct BusError {
   std::string message;
   bool operator==(const BusError&) const = default;
 };
+
+/// The error of a reply whose values could not be read as asked (or at all).
+inline constexpr char kUnreadable[] = "org.freedesktop.DBus.Error.InvalidSignature";
 
 /// The outcome of a method call: its values, or an error.
 struct BusReply {
@@ -125,83 +130,15 @@ class BusSubscription {
   std::shared_ptr<void> token_;
 };
 
-/// One method call received by an exported object, delivered on the main queue. Answer
-/// it once, now or later, with reply() or fail().
-class BusCall {
- public:
-  struct Pending;
-  BusCall(std::shared_ptr<Pending> pending, std::string sender, BusList args)
-      : pending_(std::move(pending)), sender_(std::move(sender)), args_(std::move(args)) {}
+class BusObject;
 
-  /// The unique bus name of the caller.
-  const std::string& sender() const { return sender_; }
-  /// The arguments, in the order of the method's input signature.
-  const BusList& args() const { return args_; }
-  /// Sends the method's return values (in the order of its output signature).
-  void reply(const BusList& values = {}) const;
-  /// Sends an error reply.
-  void fail(const std::string& name, const std::string& message) const;
-
- private:
-  std::shared_ptr<Pending> pending_;
-  std::string sender_;
-  BusList args_;
-};
-
-/// An object this process offers on the bus. Declare its members, then finish(); its
-/// property values live here and are read by the bus thread on demand.
-class BusObject {
- public:
-  using Method = std::function<void(const BusCall& call)>;
-  /// A client's write to a writable property, already stored; on the main queue.
-  using PropertyWritten = std::function<void(const std::string& interface, const std::string& name)>;
-
-  struct Impl;
-  explicit BusObject(std::unique_ptr<Impl> impl);
-  ~BusObject();
-  BusObject(const BusObject&) = delete;
-  BusObject& operator=(const BusObject&) = delete;
-
-  const std::string& path() const;
-  /// Declares a method; `in`/`out` are the argument signatures ("a{sv}", "ay", "").
-  void addMethod(const std::string& interface, const std::string& name, const std::string& in,
-                 const std::string& out, Method handler);
-  /// Declares a property of `initial`'s signature, readable by every client.
-  void addProperty(const std::string& interface, const std::string& name, BusValue initial,
-                   bool writable = false);
-  /// Declares a signal so that it appears in introspection.
-  void addSignal(const std::string& interface, const std::string& name, const std::string& signature);
-  /// Called after a client wrote a writable property.
-  void onPropertyWritten(PropertyWritten handler);
-  /// Makes the declared members visible on the bus; declare nothing after it.
-  /// @throws BusFailure when the path is taken or a declaration is invalid.
-  void finish();
-
-  /// The current value of a property; an empty value when undeclared.
-  BusValue get(const std::string& interface, const std::string& name) const;
-  /// Changes a property and emits PropertiesChanged for it (also when the value is equal).
-  void set(const std::string& interface, const std::string& name, BusValue value);
-  /// Changes a property without telling anyone.
-  void setQuietly(const std::string& interface, const std::string& name, BusValue value);
-  /// Emits PropertiesChanged for these properties with their current values.
-  void emitChanged(const std::string& interface, const std::vector<std::string>& names);
-  /// Emits a signal of this object. @throws BusFailure when an argument does not fit its signature.
-  void emitSignal(const std::string& interface, const std::string& name, const BusList& args);
-  /// Emits InterfacesAdded / InterfacesRemoved for every declared interface (needs an
-  /// object manager on an ancestor path).
-  void emitAdded();
-  void emitRemoved();
-
- private:
-  friend class Bus;
-  std::unique_ptr<Impl> impl_;
-};
-
-/// One connection to a message bus with its own loop thread.
+/// One connection to a message bus, read on the main queue's thread.
 class Bus : public std::enable_shared_from_this<Bus> {
  public:
   using ReplyHandler = std::function<void(const BusReply& reply)>;
   using SignalHandler = std::function<void(const BusSignal& signal)>;
+  /// The new `Value` bytes of the object at `path` (a characteristic's notification).
+  using ValueHandler = std::function<void(const std::string& path, const Bytes& value)>;
 
   struct Impl;
   explicit Bus(std::unique_ptr<Impl> impl);
@@ -209,7 +146,8 @@ class Bus : public std::enable_shared_from_this<Bus> {
   Bus(const Bus&) = delete;
   Bus& operator=(const Bus&) = delete;
 
-  /// A new connection to the system bus (DBUS_SYSTEM_BUS_ADDRESS when set), its loop running.
+  /// A new connection to the system bus (DBUS_SYSTEM_BUS_ADDRESS when set), watched by the
+  /// main queue; open it on the queue's thread.
   /// @throws BusFailure when the bus cannot be reached.
   static std::shared_ptr<Bus> openSystem();
   /// The process's shared system-bus connection, opened on first use and closed at exit,
@@ -219,9 +157,14 @@ class Bus : public std::enable_shared_from_this<Bus> {
 
   /// This connection's unique name (":1.42").
   std::string uniqueName() const;
-  /// Whether close() has run.
+  /// Whether close() has run or the connection broke.
   bool closed() const;
-  /// Stops the loop thread, sends the calls left for closing, and disconnects. Idempotent.
+  /// Whether the connection broke (the bus daemon went away or dropped us).
+  bool lost() const;
+  /// Runs `handler` on the main queue when the connection breaks, after the failed replies
+  /// of the calls still awaiting one.
+  [[nodiscard]] BusSubscription whenLost(std::function<void()> handler);
+  /// Stops reading, sends the calls left for closing, and disconnects. Idempotent.
   void close();
 
   /// Calls a method without waiting; `onReply` (optional) gets the outcome on the main
@@ -241,6 +184,13 @@ class Bus : public std::enable_shared_from_this<Bus> {
   [[nodiscard]] BusSubscription subscribe(const std::string& rule, const std::string& signature,
                                           SignalHandler handler);
 
+  /// As subscribe() with signature "sa{sv}as" for PropertiesChanged signals, except that a
+  /// change of nothing but the byte array `Value` of `interface` is read straight into bytes,
+  /// without allocating, and given to `onValue` (in order with the other signals).
+  /// @throws BusFailure when the rule is refused.
+  [[nodiscard]] BusSubscription subscribeProperties(const std::string& rule, const std::string& interface,
+                                                    SignalHandler handler, ValueHandler onValue);
+
   /// Takes a well-known name. @throws BusFailure when it is refused.
   void requestName(const std::string& name);
   void releaseName(const std::string& name);
@@ -255,3 +205,6 @@ class Bus : public std::enable_shared_from_this<Bus> {
 };
 
 }  // namespace tqble::bluez
+
+// Exported objects, for the users of exportObject().
+#include "BusObjects.h"
