@@ -56,10 +56,12 @@ demo: configure
 # The BlueZ figures against python-dbusmock's stand-in bluetoothd on a private bus.
 bench: setup
 	@$(RELEASE)
-	@cmake --build build-release -j $(JOBS) --target tqble_bench
+	@cmake --build build-release -j $(JOBS) --target tqble_bench tqble_python
 	@bench/bluez_standin.py build-release/bench/tqble_bench
+	@TQBLE_LOG=off PYTHONPATH=build-release/python /usr/bin/python3 python/bench/state_request.py \
+	  build-release/bench/tqble_bench
 
-# Debian packages libtqble1, libtqble-dev and tqble in build-release/.
+# Debian packages libtqble1, libtqble-dev, tqble and python3-tqble in build-release/.
 package: setup
 	@$(RELEASE)
 	@cmake --build build-release -j $(JOBS)
@@ -75,10 +77,10 @@ fuzz: setup
 
 # Every test under valgrind (slow), in build-memcheck, optimised as `make test` builds:
 # the optimiser may test a value before the flag that says it was written (a copied empty
-# std::optional), which valgrind reports only in optimised code. Three examples and the
-# CLI's client commands wait for answers in real time, and valgrind's slowdown outlasts
-# their time-outs: they are left to `make test`.
-REAL_TIME_TESTS = ^(Examples\.(read_state|charging_session|export_history)|CommandLineTool\.(Asks|Watches))
+# std::optional), which valgrind reports only in optimised code. Three examples, the CLI's
+# client commands and the Python suites wait for answers in real time, and valgrind's
+# slowdown outlasts their time-outs: they are left to `make test`.
+REAL_TIME_TESTS = ^(Examples\.(read_state|charging_session|export_history)|CommandLineTool\.(Asks|Watches)|Python\.)
 memcheck: setup
 	@cmake -S . -B build-memcheck -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTQBLE_BUILD_BENCH=OFF >/dev/null
 	@cmake --build build-memcheck -j $(JOBS)

@@ -1,7 +1,9 @@
 #pragma once
 
-// Answers as JSON, the same for `tqble decode` and the commands that ask a post: records
-// with their field names, lists for history and error log, the ten display rows.
+// Answers as JSON, the same for `tqble decode`, `tqble capture` and the commands that ask a
+// post: the typed answers (units in the field names, codes as lower-case names beside their
+// raw values, UTC ISO 8601 times), and the manager's records with their field names, lists
+// for history and error log, the ten display rows (`--raw`).
 
 #include <nlohmann/json.hpp>
 
@@ -44,6 +46,30 @@ Json toJson(const std::vector<Entry>& entries) {
   Json list = Json::array();
   for (const auto& entry : entries) list.push_back(toJson(entry));
   return list;
+}
+
+/// The typed answers: {"accepted", "result_type"}; {"gun_state", "gun_code", "fault",
+/// "fault_code", "voltage_v", "current_a", "energy_kwh", "duration_s"...}; and so on.
+Json typedJson(const SettingResult& result);
+Json typedJson(const ChargerState& state);
+Json typedJson(const SystemInfo& info);
+Json typedJson(const CumulativeEnergy& energy);
+Json typedJson(const ChargingSession& session);
+Json typedJson(const ErrorLogEntry& entry);
+Json typedJson(const Diagnostics& d);
+
+/// A typed list answer as a JSON array.
+template <typename Entry>
+Json typedJson(const std::vector<Entry>& entries) {
+  Json list = Json::array();
+  for (const auto& entry : entries) list.push_back(typedJson(entry));
+  return list;
+}
+
+/// The typed answer, or with `raw` the manager's record.
+template <typename Answer>
+Json answerJson(const Answer& answer, bool raw) {
+  return raw ? toJson(answer) : typedJson(answer);
 }
 
 }  // namespace tqble::cli

@@ -29,23 +29,25 @@ const char kScanUsage[] =
     "usage: tqble scan [--seconds N] [--backend NAME]\n"
     "  Lists the posts heard within N seconds (default 3), once each: name, identifier, RSSI.\n";
 const char kRunUsage[] =
-    "usage: tqble run POST COMMAND [ARGUMENTS] [--table] [--backend NAME]\n"
+    "usage: tqble run POST COMMAND [ARGUMENTS] [--table] [--raw] [--backend NAME]\n"
     "  Connects to POST (a name or identifier as scan prints it; '-' for the first post heard),\n"
-    "  sends COMMAND and prints its decoded answer as JSON, or as aligned columns with --table.\n"
-    "  Raw units: voltage 0.1 V, current (electric) 0.1 A, energy Wh, durations s.\n"
+    "  sends COMMAND and prints its typed answer as JSON (units in the field names, times UTC\n"
+    "  ISO 8601, codes as names beside their raw values), or as aligned columns with --table.\n"
+    "  --raw prints the manager's record instead: voltage 0.1 V, current (electric) 0.1 A,\n"
+    "  energy Wh, durations s, local time texts.\n"
     "  commands (long or short name):";
 const char kSurveyUsage[] =
-    "usage: tqble survey POST [--backend NAME]\n"
+    "usage: tqble survey POST [--raw] [--backend NAME]\n"
     "  Every read command (info, state, history, energy, errors, diagnostics), one JSON document;\n"
     "  a command that fails shows {\"error\": ...} and sets the exit status.\n";
 const char kWatchUsage[] =
-    "usage: tqble watch POST [--every S] [--backend NAME]\n"
+    "usage: tqble watch POST [--every S] [--raw] [--backend NAME]\n"
     "  Prints the charger state every S seconds (default 2), one JSON line each, until\n"
     "  interrupted (Ctrl-C), then closes the link and exits 0.\n";
 const char kHistoryUsage[] =
-    "usage: tqble history POST [--csv] [--backend NAME]\n"
+    "usage: tqble history POST [--csv] [--raw] [--backend NAME]\n"
     "  The post's charging sessions: JSON, or with --csv the columns start, end, duration_s,\n"
-    "  energy_kWh, with a header line, ready for a spreadsheet.\n";
+    "  energy_kWh (times UTC ISO 8601), with a header line, ready for a spreadsheet.\n";
 
 namespace {
 
@@ -56,7 +58,7 @@ std::atomic<bool> interrupted = false;
 struct Options {
   std::vector<std::string> words;
   std::string backend = "sim";
-  bool log = false, table = false, csv = false;
+  bool log = false, table = false, csv = false, raw = false;
   double seconds = 3, every = 2;
 };
 
@@ -87,6 +89,7 @@ Options parseOptions(const std::vector<std::string>& args, const std::set<std::s
     o.log |= arg == "--log";
     o.table |= arg == "--table";
     o.csv |= arg == "--csv";
+    o.raw |= arg == "--raw";
   }
   return o;
 }
@@ -161,8 +164,9 @@ class Session {
     return outcome->value();
   }
 
-  Json ask(const Command& command, const Args& args = {}) {
-    return wait<Json>([&](Completion<Json> done) { command.ask(*client, args, std::move(done)); });
+  Json ask(const Command& command, bool raw, const Args& args = {}) {
+    return wait<Json>(
+        [&](Completion<Json> done) { command.ask(*client, args, raw, std::move(done)); });
   }
 
   std::optional<ChargerClient> client;
@@ -276,7 +280,7 @@ int runScan(const std::vector<std::string>& args) {
 
 int runRun(const std::vector<std::string>& args) {
   return guarded("run", args, printRunUsage, [&] {
-    const Options o = parseOptions(args, {"--table", "--backend", "--log"});
+    const Options o = parseOptions(args, {"--table", "--raw", "--backend", "--log"});
     if (o.words.size() < 2) throw UsageError(o.words.empty() ? "missing POST" : "missing COMMAND");
     const Command& command = findCommand(o.words[1]);
     Args values;
@@ -292,7 +296,7 @@ int runRun(const std::vector<std::string>& args) {
                        command.parameters[values.size()] + ">");
     Session session(o);
     session.connect(o.words[0]);
-    const Json answer = session.ask(command, values);
+    const Json answer = session.ask(command, o.raw, values);
     if (o.table) {
       printTable(answer);
     } else {
@@ -304,7 +308,7 @@ int runRun(const std::vector<std::string>& args) {
 
 int runSurvey(const std::vector<std::string>& args) {
   return guarded("survey", args, textUsage(kSurveyUsage), [&] {
-    const Options o = parseOptions(args, {"--backend", "--log"});
+    const Options o = parseOptions(args, {"--raw", "--backend", "--log"});
     const std::string& post = onlyPost(o);
     Session session(o);
     session.connect(post);
@@ -312,7 +316,7 @@ int runSurvey(const std::vector<std::string>& args) {
     int status = 0;
     for (const char* name : {"info", "state", "history", "energy", "errors", "diagnostics"}) {
       try {
-        survey[name] = session.ask(findCommand(name));
+        survey[name] = session.ask(findCommand(name), o.raw);
       } catch (const PostFailure& f) {
         survey[name] = Json{{"error", describe(f.error.kind)}, {"message", f.error.message}};
         if (status == 0) status = exitStatus(f.error.kind);
@@ -325,7 +329,7 @@ int runSurvey(const std::vector<std::string>& args) {
 
 int runWatch(const std::vector<std::string>& args) {
   return guarded("watch", args, textUsage(kWatchUsage), [&] {
-    const Options o = parseOptions(args, {"--every", "--backend", "--log"});
+    const Options o = parseOptions(args, {"--every", "--raw", "--backend", "--log"});
     const std::string& post = onlyPost(o);
     Session session(o);
     session.connect(post);
@@ -344,8 +348,10 @@ int runWatch(const std::vector<std::string>& args) {
     const auto ticking = std::make_shared<bool>(true);
     Tick::arm(ticking);
     while (!interrupted) {
-      const Json state = session.ask(findCommand("state"));
-      Json line = Json{{"time", static_cast<std::int64_t>(std::time(nullptr))}};
+      const Json state = session.ask(findCommand("state"), o.raw);
+      Json line = o.raw ? Json{{"time", static_cast<std::int64_t>(std::time(nullptr))}}
+                        : Json{{"time_utc", isoUtc(std::chrono::floor<std::chrono::seconds>(
+                                                std::chrono::system_clock::now()))}};
       line.update(state);
       std::printf("%s\n", line.dump().c_str());
       std::fflush(stdout);
@@ -357,20 +363,19 @@ int runWatch(const std::vector<std::string>& args) {
 
 int runHistory(const std::vector<std::string>& args) {
   return guarded("history", args, textUsage(kHistoryUsage), [&] {
-    const Options o = parseOptions(args, {"--csv", "--backend", "--log"});
+    const Options o = parseOptions(args, {"--csv", "--raw", "--backend", "--log"});
     const std::string& post = onlyPost(o);
     Session session(o);
     session.connect(post);
     const auto sessions =
         session.wait<ChargingHistory>([&](auto done) { session.client->queryHistory(done); });
     if (!o.csv) {
-      std::printf("%s\n", toJson(sessions).dump(2).c_str());
+      std::printf("%s\n", answerJson(sessions, o.raw).dump(2).c_str());
       return 0;
     }
     std::printf("start,end,duration_s,energy_kWh\n");
     for (const auto& s : sessions) {
-      std::printf("%s,%s,%lld,%.3f\n", s.record.startTime.value_or("").c_str(),
-                  s.record.endTime.value_or("").c_str(),
+      std::printf("%s,%s,%lld,%.3f\n", isoUtc(s.start).c_str(), isoUtc(s.end).c_str(),
                   static_cast<long long>(s.duration.count()), s.kilowattHours);
     }
     return 0;

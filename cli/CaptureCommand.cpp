@@ -20,7 +20,7 @@ constexpr char kCaptureUsage[] =
     "  Reads a btsnoop capture (btmon -w, or a phone's HCI snoop log; '-' for standard\n"
     "  input) and prints the post's conversation on every link: each request to FFF3 with\n"
     "  its time and command, the pieces of its answer on FFF4, the latency, the answer as\n"
-    "  the manager reassembled it and the values it decoded, and warnings: a start byte,\n"
+    "  the manager reassembled it and its typed values, and warnings: a start byte,\n"
     "  command byte, length field or checksum that is off, a lost or an extra piece, an\n"
     "  answer with no request. FFF3 and FFF4 are found from the GATT discovery in the\n"
     "  capture; --write-handle and --notify-handle (decimal or 0x hex) give them for links\n"
@@ -56,14 +56,12 @@ Json pieceJson(const capture::Piece& piece) {
   return Json{{"record", piece.record}, {"time", piece.time}, {"bytes", spacedHex(piece.value)}};
 }
 
-// The answer's values. Typed answers plug in here: this is the one place that turns what
-// the manager dispatched into values.
+// The answer's values: the typed answer of the frame the manager reassembled.
 Json values(const capture::Exchange& exchange) {
   const capture::Answer& answer = *exchange.answer;
   if (exchange.command.empty() || !answer.decoderError.empty()) return nullptr;
   try {
-    return decodedJson(findCommand(exchange.command).answer, answer.frame, answer.model.get(),
-                       answer.rows);
+    return typedDecodedJson(findCommand(exchange.command).answer, answer.frame);
   } catch (const std::out_of_range&) {
     return nullptr;  // too short for its decoder: the warnings say what is off
   }

@@ -18,16 +18,16 @@ void plain(TQBleManager& m, const Args&, const TQErrorHandler& error) {
 }
 
 template <typename T>
-Completion<T> asJson(Completion<Json> done) {
-  return [done = std::move(done)](const Outcome<T>& o) {
-    done(o.ok() ? Outcome<Json>(toJson(o.value())) : Outcome<Json>(o.error()));
+Completion<T> asJson(bool raw, Completion<Json> done) {
+  return [raw, done = std::move(done)](const Outcome<T>& o) {
+    done(o.ok() ? Outcome<Json>(answerJson(o.value(), raw)) : Outcome<Json>(o.error()));
   };
 }
 
 // A client request that takes only its completion.
 template <typename T, Pending<T> (ChargerClient::*Request)(Completion<T>)>
-void ask(ChargerClient& c, const Args&, Completion<Json> done) {
-  (c.*Request)(asJson<T>(std::move(done)));
+void ask(ChargerClient& c, const Args&, bool raw, Completion<Json> done) {
+  (c.*Request)(asJson<T>(raw, std::move(done)));
 }
 
 class WriteCharacteristic : public ble::Characteristic {
@@ -80,16 +80,16 @@ const std::vector<Command>& commands() {
        [](TQBleManager& m, const Args& a, const TQErrorHandler& e) {
          m.setVolumeWithVolumeSize(a[0], e);
        },
-       [](ChargerClient& c, const Args& a, Completion<Json> done) {
-         c.setVolume(a[0], asJson<SettingResult>(std::move(done)));
+       [](ChargerClient& c, const Args& a, bool raw, Completion<Json> done) {
+         c.setVolume(a[0], asJson<SettingResult>(raw, std::move(done)));
        }},
       {"orderChargerWithStartHour", "reserve", {"startHour", "startMinute", "endHour", "endMinute"},
        AnswerKind::Result,
        [](TQBleManager& m, const Args& a, const TQErrorHandler& e) {
          m.orderChargerWithStartHour(a[0], a[1], a[2], a[3], e);
        },
-       [](ChargerClient& c, const Args& a, Completion<Json> done) {
-         c.reserve(a[0], a[1], a[2], a[3], asJson<SettingResult>(std::move(done)));
+       [](ChargerClient& c, const Args& a, bool raw, Completion<Json> done) {
+         c.reserve(a[0], a[1], a[2], a[3], asJson<SettingResult>(raw, std::move(done)));
        }},
       {"startChargingWithError", "start", {}, AnswerKind::Result,
        plain<&TQBleManager::startChargingWithError>,

@@ -33,8 +33,9 @@ struct Command {
   AnswerKind answer;
   /// Issues it on the manager.
   std::function<void(TQBleManager&, const Args&, const TQErrorHandler&)> issue;
-  /// Asks it through the client; the answer arrives as JSON.
-  std::function<void(ChargerClient&, const Args&, Completion<Json>)> ask;
+  /// Asks it through the client; the answer arrives as JSON: typed, or with `raw` the
+  /// manager's record.
+  std::function<void(ChargerClient&, const Args&, bool raw, Completion<Json>)> ask;
 };
 
 /// The command named `name` (operation or short name).  @throws UsageError when there is none.

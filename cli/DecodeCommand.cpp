@@ -26,7 +26,8 @@ constexpr char kDecodeUsage[] =
     "  checksum (unseeded) is not what that command's answer carries, and the answer: the\n"
     "  result or record the manager stores, the ten system-information rows, or, for the\n"
     "  history, energy, error-log and diagnostics answers that the manager decodes and\n"
-    "  drops, what the decoding yields. The warnings never change a decoded value: the\n"
+    "  drops, what the decoding yields; beside it, under \"typed\", the typed answer as\n"
+    "  `tqble run` prints it (or its error). The warnings never change a decoded value: the\n"
     "  manager checks none of this. queryChargingDataWithError answers are read as\n"
     "  charger state, as the manager reads them; runningDiagnosticInfoWithError prints the\n"
     "  full diagnostics although the manager itself drops that answer unread. --log\n"
@@ -89,6 +90,15 @@ int runDecode(const std::vector<std::string>& args) {
               {"bytes", spacedHex(answer)},
               {"warnings", protocol::headerWarnings(request, answer)}};
     json["answer"] = decodeAnswer(*command, answer, stack.manager());
+    // The typed decoders reuse the manager's, whose log lines are out already.
+    const LogSink kept = logSink();
+    setLogSink([](std::string_view) {});
+    try {
+      json["typed"] = typedDecodedJson(command->answer, answer);
+    } catch (const std::out_of_range& e) {
+      json["typed"] = Json{{"error", e.what()}};
+    }
+    setLogSink(kept);
     std::printf("%s\n", json.dump(2).c_str());
     return 0;
   } catch (const UsageError& e) {

@@ -31,4 +31,17 @@ Json decodedJson(AnswerKind kind, const Bytes& answer, const TQBleDataModel* mod
   return model && model->chargingData ? chargeFields(*model->chargingData) : Json(nullptr);
 }
 
+Json typedDecodedJson(AnswerKind kind, const Bytes& answer) {
+  switch (kind) {
+    case AnswerKind::Result: return typedJson(answers::settingResult(answer));
+    case AnswerKind::ChargerState: return typedJson(answers::chargerState(answer));
+    case AnswerKind::SystemInfo: return typedJson(answers::systemInfo(answer));
+    case AnswerKind::History: return typedJson(answers::chargingHistory(answer));
+    case AnswerKind::Energy: return typedJson(answers::cumulativeEnergy(answer));
+    case AnswerKind::ErrorLog: return typedJson(answers::errorLog(answer));
+    case AnswerKind::Diagnosis: break;
+  }
+  return typedJson(answers::diagnostics(answer));
+}
+
 }  // namespace tqble::cli

@@ -1,6 +1,7 @@
 #pragma once
 
-// A dispatched answer's values as JSON, for `tqble decode` and `tqble capture` alike.
+// An answer's values as JSON, for `tqble decode` and `tqble capture` alike: the typed
+// answer, and what the manager made of it.
 
 #include <vector>
 
@@ -14,5 +15,9 @@ namespace tqble::cli {
 /// @throws std::out_of_range when the answer is too short for its decoder.
 Json decodedJson(AnswerKind kind, const Bytes& answer, const TQBleDataModel* model,
                  const std::vector<ZRunStateModel>& rows);
+
+/// The typed answer `answer` holds, as `tqble run` prints it.
+/// @throws std::out_of_range when the answer is too short (or, for a state, of another length).
+Json typedDecodedJson(AnswerKind kind, const Bytes& answer);
 
 }  // namespace tqble::cli

@@ -1,27 +1,24 @@
 // A whole charging session: set the post's clock, start charging, follow the state for a
-// few seconds, stop, and read the session back from the history.
+// few seconds, stop, and read the session back from the history. Blocking style: each
+// request's handle goes to client.wait(), which runs the main queue until it has ended.
 #include <tqble/TQBle.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <optional>
 
 using namespace tqble;
 
 namespace {
 
-// Asks one request and runs the main queue until its outcome arrives.
-template <typename T, typename Request>
-T await(ChargerClient& client, Request request) {
-  std::optional<Outcome<T>> outcome;
-  request([&](const Outcome<T>& o) { outcome = o; });
-  client.runUntil([&] { return outcome.has_value(); }, std::chrono::seconds(30));
-  if (!outcome || !outcome->ok()) {
-    std::fprintf(stderr, "failed: %s\n", outcome ? outcome->error().message.c_str() : "no answer");
+// The answer, or the reason there is none and exit status 1.
+template <typename T>
+T valueOf(const Outcome<T>& outcome) {
+  if (!outcome.ok()) {
+    std::fprintf(stderr, "failed: %s\n", outcome.error().message.c_str());
     std::exit(1);
   }
-  return outcome->value();
+  return outcome.value();
 }
 
 }  // namespace
@@ -29,13 +26,12 @@ T await(ChargerClient& client, Request request) {
 int main() {
   setLogSink([](std::string_view) {});  // the SDK's own log lines are not for this screen
   ChargerClient client;
-  const auto post =
-      await<ChargerClient::PeripheralPtr>(client, [&](auto done) { client.connect("", done); });
+  const auto post = valueOf(client.wait(client.connect("")));  // the first post heard
   std::printf("connected to %s\n", post->name().c_str());
 
-  const auto clock = await<SettingResult>(client, [&](auto done) { client.synchroTime(done); });
+  const auto clock = valueOf(client.wait(client.synchroTime()));
   std::printf("clock set: %s\n", clock.accepted() ? "yes" : "refused");
-  const auto started = await<SettingResult>(client, [&](auto done) { client.startCharging(done); });
+  const auto started = valueOf(client.wait(client.startCharging()));
   if (!started.accepted()) {
     std::fprintf(stderr, "the post refused to start (is a car plugged in?)\n");
     return 1;
@@ -43,16 +39,14 @@ int main() {
   std::printf("charging\n");
   for (int i = 0; i < 3; ++i) {
     client.runUntil([] { return false; }, std::chrono::seconds(1));
-    const auto state =
-        await<ChargerState>(client, [&](auto done) { client.queryChargerState(done); });
+    const auto state = valueOf(client.wait(client.queryChargerState()));
     std::printf("  %s: %.3f kWh, %.1f A, %lld s\n", name(state.gunState), state.kilowattHours,
                 state.amperes, static_cast<long long>(state.duration.count()));
   }
-  const auto stopped = await<SettingResult>(client, [&](auto done) { client.stopCharging(done); });
+  const auto stopped = valueOf(client.wait(client.stopCharging()));
   std::printf("stopped: %s\n", stopped.accepted() ? "yes" : "refused");
 
-  const auto history =
-      await<ChargingHistory>(client, [&](auto done) { client.queryHistory(done); });
+  const auto history = valueOf(client.wait(client.queryHistory()));
   if (!history.empty()) {
     const auto& last = history.back();
     std::printf("last session %u: %s to %s, %.3f kWh\n", last.serial, isoUtc(last.start).c_str(),

@@ -14,6 +14,7 @@ packages=(
   libsdbus-c++-dev libsystemd-dev dbus python3-dbusmock libglib2.0-dev
   libmosquitto-dev libtomlplusplus-dev mosquitto mosquitto-clients
   clang libclang-rt-14-dev valgrind tshark
+  python3-dev pybind11-dev python3-pybind11 python3-pytest python3-pytest-asyncio
   "$@"
 )
 

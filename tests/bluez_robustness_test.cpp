@@ -28,7 +28,8 @@ TEST_F(BluezSession, AScanStoppedAndStartedAtOnceStillHearsTheNextAdvertisement)
   find();  // stops the scan
   central->scanForPeripheralsWithServices({}, {});  // while bluetoothd still ends the session
   recorder->events.clear();
-  EXPECT_TRUE(runUntil([&] { return heard("discover C0:FF:EE:00:00:01 TQ-AC7-0042"); }));
+  EXPECT_TRUE(runUntil([&] { return heard("discover C0:FF:EE:00:00:01 TQ-AC7-0042 -58"); }))
+      << ::testing::PrintToString(fake->calls());
 }
 
 TEST_F(BluezSession, ARefusedStartNotifyFailsTheLinkAndClosesIt) {
@@ -50,7 +51,8 @@ TEST_F(BluezSession, AConnectionToALinkGoingDownAwaitsItsEndAndConnectsAfresh) {
   fake->leaveDyingLink(post, 200ms);
   // Heard after the dying link's Connected signal, which is then known to the central.
   central->scanForPeripheralsWithServices({}, {});
-  ASSERT_TRUE(runUntil([&] { return heard("discover C0:FF:EE:00:00:02 TQ-AC7-0042"); }));
+  ASSERT_TRUE(runUntil([&] { return heard("discover C0:FF:EE:00:00:02 TQ-AC7-0042 -58"); }))
+      << ::testing::PrintToString(recorder->events);
   central->stopScan();
   central->connectPeripheral(p, {});
   ASSERT_TRUE(runUntil([&] { return heard("connect C0:FF:EE:00:00:01"); }));

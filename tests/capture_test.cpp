@@ -82,17 +82,17 @@ TEST(Capture, RadioRunReadsAsTheTwelveCommandsWithTheAnswersTheManagerDecoded) {
     const double last = e["pieces"].back()["time"];
     EXPECT_DOUBLE_EQ(e["answer"]["latency"].get<double>(), last - e["request"]["time"].get<double>());
   }
-  // What the manager decoded in the scenario: the post's answers to its settings and queries.
-  for (int i : {1, 3, 4, 5, 8}) EXPECT_EQ(app[i]["answer"]["values"], json({{"resultType", 0}})) << i;
-  EXPECT_EQ(app[0]["answer"]["values"][2]["content"], "Velmora");
-  EXPECT_EQ(app[0]["answer"]["values"][5]["content"], "1.2.10");
-  EXPECT_EQ(app[6]["answer"]["values"]["voltage"], 2200);
-  EXPECT_EQ(app[6]["answer"]["values"]["gunStatus"], "正在充电中");
+  // The typed values of the post's answers to the scenario's settings and queries.
+  for (int i : {1, 3, 4, 5, 8}) EXPECT_EQ(app[i]["answer"]["values"], json({{"accepted", true}, {"result_type", 0}}));
+  EXPECT_EQ(app[0]["answer"]["values"]["manufacturer"], "Velmora");
+  EXPECT_EQ(app[0]["answer"]["values"]["firmware_version"], "1.2.10");
+  EXPECT_EQ(app[6]["answer"]["values"]["voltage_v"], 220.0);
+  EXPECT_EQ(app[6]["answer"]["values"]["gun_state"], "charging");
   EXPECT_EQ(app[6]["pieces"].size(), 2u);  // 20 + 6 bytes
   EXPECT_EQ(app[9]["answer"]["values"].size(), 1u);  // the session just stopped
-  EXPECT_EQ(app[10]["answer"]["values"], json({{"cumulativeEnergy", 120001}}));
+  EXPECT_EQ(app[10]["answer"]["values"], json({{"energy_total_kwh", 120.001}}));
   EXPECT_EQ(app[11]["answer"]["values"], json::array());
-  EXPECT_EQ(app[12]["answer"]["values"]["versionNum"], "V1.2.10");
+  EXPECT_EQ(app[12]["answer"]["values"]["firmware_version"], "1.2.10");
   EXPECT_EQ(app[12]["answer"]["cmdType"], 13);
 }
 
@@ -113,7 +113,7 @@ TEST(Capture, FlagsALostPieceAndAWrongChecksum) {
   EXPECT_EQ(flagged[0]["command"], "synchroTimeWithError");
   EXPECT_EQ(flagged[0]["warnings"], json({"checksum is 0xD8, not 0xD9"}));
   // The manager checks no checksum: the answer is decoded all the same.
-  EXPECT_EQ(flagged[0]["answer"]["values"], json({{"resultType", 0}}));
+  EXPECT_EQ(flagged[0]["answer"]["values"], json({{"accepted", true}, {"result_type", 0}}));
 }
 
 TEST(Capture, KeepsOnlyThePostsTrafficAmongOtherDevicesInAnH4Log) {
@@ -126,7 +126,7 @@ TEST(Capture, KeepsOnlyThePostsTrafficAmongOtherDevicesInAnH4Log) {
   const json& state = t["exchanges"][0];
   // A notification split over two ACL fragments, then an indication: 20 + 6 bytes.
   EXPECT_EQ(state["pieces"].size(), 2u);
-  EXPECT_EQ(state["answer"]["values"]["electric"], 318);
+  EXPECT_EQ(state["answer"]["values"]["current_a"], 31.8);
   EXPECT_EQ(state["warnings"], json::array());
   EXPECT_EQ(t["exchanges"][1]["request"], nullptr);
   EXPECT_EQ(t["exchanges"][1]["warnings"],

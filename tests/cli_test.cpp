@@ -56,7 +56,7 @@ TEST(CommandLineTool, PrintsTheExactFrameOrJsonWithHeaderWarningsLogsWhereAskedA
       {"echo '68-B6-00-00-01-00-00-DE:01' | $TQBLE decode stopChargeWithError -", 0,
        "{\n  \"command\": \"stopChargeWithError\",\n  \"code\": \"0xB6\",\n"
        "  \"bytes\": \"68 B6 00 00 01 00 00 DE 01\",\n  \"warnings\": [],\n"
-       "  \"answer\": {\n    \"resultType\": 0\n  }\n}\n", ""},
+       "  \"answer\": {\n    \"resultType\": 0\n  },\n  \"typed\": {\n    \"accepted\": false,\n    \"result_type\": 1\n  }\n}\n", ""},  // the manager says success whatever the post sent
       {"$TQBLE decode stopChargeWithError 0xAA 0xB7 0x00 0x00 0x02 0x00 0x00 0x00 0x01", 0,  // refusal by the wrong post
        "~\"warnings\": [\n    \"start byte is 0xAA, not 0x68\",\n    \"command byte is 0xB7, not 0xB6\",\n"
        "    \"length field says 2 body bytes, the answer has 1\",\n    \"checksum is 0x00, not 0x1E\"\n  ]", ""},
@@ -65,7 +65,7 @@ TEST(CommandLineTool, PrintsTheExactFrameOrJsonWithHeaderWarningsLogsWhereAskedA
        0,  // live data read as charger state
        "~\"warnings\": [],\n  \"answer\": {\n    \"serialNumber\": \"1234\",\n    \"elecQuantity\": 1000,\n"
        "    \"voltage\": 2140,\n    \"electric\": 16,\n    \"duration\": 60,\n    \"gunStatus\": \"正在充电中\",", ""},
-      {"$TQBLE decode queryHistoryErrorLogListWithError '68 34 00 00 00 00 00 00 00 00 00'", 0, "~\"answer\": []\n", ""},
+      {"$TQBLE decode queryHistoryErrorLogListWithError '68 34 00 00 00 00 00 00 00 00 00'", 0, "~\"answer\": [],\n  \"typed\": []\n", ""},
       {info, 0, "~\"title\": \"厂商\",\n      \"content\": \"Velmora\"", infoLog},
       {"TQBLE_LOG=off " + info, 0, "~\"Velmora\"", ""},
       {"f=$(mktemp) && TQBLE_LOG=$f " + info + " >/dev/null && cat $f && rm $f", 0, infoLog, ""},
@@ -82,7 +82,7 @@ TEST(CommandLineTool, PrintsTheExactFrameOrJsonWithHeaderWarningsLogsWhereAskedA
        "tqble decode: the answer is too short for queryHistoryErrorLogListWithError: "
        "range {16, 8} out of bounds; length 16\n"},
       {"$TQBLE frame volume 35", 0, "68 B2 00 00 01 00 00 EE 35  setVolumeWithVolumeSize 0xB2\n", ""},
-      {"$TQBLE decode stop 68b600000100000001", 0, "~\"answer\": {\n    \"resultType\": 0\n  }\n}\n", ""},
+      {"$TQBLE decode stop 68b600000100000001", 0, "~\"answer\": {\n    \"resultType\": 0\n  },", ""},
       {"$TQBLE --version", 0, "tqble 1.0.0\n", ""},
       {"$TQBLE --help", 0, "~       tqble watch POST [--every S]", ""},
       {"$TQBLE help run", 0, "~    diagnostics  runningDiagnosticInfoWithError\n", ""},
@@ -103,12 +103,12 @@ TEST(CommandLineTool, AsksTheSimulatedPostThroughTheClient) {
   // clang-format off
   expectRuns({
       {"$TQBLE scan --seconds 0.5", 0, "TQ-AC7-0042          SIM-POST-0001         -58 dBm\n", ""},
-      {"$TQBLE run TQ-AC7-0042 volume 35", 0, "{\n  \"resultType\": 0\n}\n", ""},
-      {"$TQBLE run sim-post-0001 energy --table", 0, "cumulativeEnergy  120000\n", ""},
+      {"$TQBLE run TQ-AC7-0042 volume 35 --raw", 0, "{\n  \"resultType\": 0\n}\n", ""},
+      {"$TQBLE run sim-post-0001 energy --table", 0, "energy_total_kwh  120.0\n", ""},
       {"$TQBLE history - --csv", 0, "start,end,duration_s,energy_kWh\n"
-                             "2023-11-13 18:26:40,2023-11-13 20:26:40,7200,12.400\n"
-                             "2023-11-14 08:20:00,2023-11-14 09:05:00,2700,3.150\n", ""},
-      {"$TQBLE survey -", 0, "~\"errors\": [\n    {\n      \"date\": \"2023-11-12 14:40:00\",\n      \"errorCode\": 8\n", ""},
+                             "2023-11-13T18:26:40Z,2023-11-13T20:26:40Z,7200,12.400\n"
+                             "2023-11-14T08:20:00Z,2023-11-14T09:05:00Z,2700,3.150\n", ""},
+      {"$TQBLE survey -", 0, "~\"errors\": [\n    {\n      \"time_utc\": \"2023-11-12T14:40:00Z\",\n      \"code\": 8,\n      \"kind\": \"over_current\"\n", ""},
   });
   // clang-format on
 }
@@ -122,7 +122,7 @@ TEST(CommandLineTool, WatchesTheStateUntilInterrupted) {
   EXPECT_EQ(status, 0) << err;
   EXPECT_EQ(err, "");
   EXPECT_GE(std::count(out.begin(), out.end(), '\n'), 2) << out;
-  EXPECT_NE(out.find("\"gunStatus\":\"未知\""), std::string::npos) << out;
+  EXPECT_NE(out.find("\"gun_state\":\"plugged_in\",\"gun_code\":1,\"fault\":null"), std::string::npos) << out;
 }
 
 }  // namespace

@@ -48,6 +48,8 @@ LogSink& sink() {
 
 void setLogSink(LogSink newSink) { sink() = newSink ? std::move(newSink) : environmentSink(); }
 
+LogSink logSink() { return sink(); }
+
 void TQLog(const char* format, ...) {
   va_list args;
   va_start(args, format);

@@ -30,7 +30,7 @@ class BleRecorder final : public ble::CentralManagerDelegate, public ble::Periph
 
  public:
   std::vector<std::string> events;
-  std::vector<std::int64_t> states, rssis;
+  std::vector<std::int64_t> states;
   Peer last;  ///< heard last
   bool offMain = false;
 
@@ -38,10 +38,10 @@ class BleRecorder final : public ble::CentralManagerDelegate, public ble::Periph
   void didDiscoverPeripheral(Central&, const Peer& p, const Dictionary& adv,
                              std::int64_t rssi) override {
     last = p;
-    rssis.push_back(rssi);
     const auto name = adv.find("kCBAdvDataLocalName");
     add("discover " + p->identifier() + " " +
-        (name == adv.end() ? "-" : std::get<std::string>(name->second)));
+        (name == adv.end() ? "-" : std::get<std::string>(name->second)) + " " +
+        std::to_string(rssi));
   }
   void didConnectPeripheral(Central&, const Peer& p) override { add("connect " + p->identifier()); }
   void didDisconnectPeripheral(Central&, const Peer& p, const Error& e) override {

@@ -23,6 +23,7 @@ constexpr char kServiceI[] = "org.bluez.GattService1";
 constexpr char kChrcI[] = "org.bluez.GattCharacteristic1";
 constexpr char kUnknownObject[] = "org.freedesktop.DBus.Error.UnknownObject";
 constexpr std::uint16_t kMtu = 23;
+constexpr auto kStopDiscoveryDelay = 5ms;
 
 // bluetoothd's form: the full identifier in lower case.
 std::string full(const std::string& shortId) {
@@ -58,19 +59,15 @@ struct FakeBluez::Device {
   std::optional<BusCall> pendingConnect;
   std::uint64_t link = 0;
   std::set<std::string> notifiers;
-  bool disconnecting = false;  // a dying link: Connected until it ends
+  bool disconnecting = false;
 };
 
-FakeBluez::FakeBluez() {
+FakeBluez::FakeBluez() : bus_(bluez::Bus::openSystem()) {
   own();
   addAdapter("hci0", true);
 }
 
-// Members go in reverse order: devices, adapters, the object manager, then the bus.
-FakeBluez::~FakeBluez() = default;
-
 void FakeBluez::own() {
-  bus_ = bluez::Bus::openSystem();
   root_ = bus_->exportObjectManager("/");
   root_->addMethod("org.bluez.Test", "Barrier", "", "", [this](const BusCall& call) {
     barriers_.push_back(call);
@@ -80,17 +77,8 @@ void FakeBluez::own() {
   bus_->requestName("org.bluez");
 }
 
-void FakeBluez::restart() {
-  for (auto& d : devices_) removeDevice(*d);
-  neighbours_.clear();
-  std::map<std::string, bool> adapters;
-  for (auto& [name, a] : adapters_) adapters[name] = a->powered;
-  adapters_.clear();
-  root_.reset();
-  bus_.reset();  // the name goes with the connection
-  own();
-  for (const auto& [name, powered] : adapters) addAdapter(name, powered);
-}
+// Members go in reverse order: devices, adapters, the object manager, then the bus.
+FakeBluez::~FakeBluez() = default;
 
 void FakeBluez::later(std::chrono::milliseconds delay, std::function<void()> task) {
   ++busy_;
@@ -149,11 +137,19 @@ void FakeBluez::addAdapter(const std::string& name, bool powered) {
     if (!a.discoverers.contains(call.sender())) return fail(call, "Failed", "No discovery started");
     // The controller is told first: until it answers, the session is still there (a new
     // StartDiscovery gets InProgress) and the reply waits.
-    later(5ms, [this, name = a.name, call] {
-      auto it = adapters_.find(name);
+    // By name: the adapter may be removed (or bluetoothd restarted) meanwhile.
+    later(kStopDiscoveryDelay, [this, name = a.name, call] {
+      const auto it = adapters_.find(name);
       if (it == adapters_.end() || !it->second->discoverers.erase(call.sender())) return;
+      Adapter& a = *it->second;
       call.reply();
-      if (it->second->discoverers.empty()) ++it->second->session;
+      if (!a.discoverers.empty()) return;
+      ++a.session;
+      for (auto& d : devices_) {  // RSSI is invalidated when discovery ends
+        if (d->object && d->adapter == a.name)
+          d->object->emitSignal("org.freedesktop.DBus.Properties", "PropertiesChanged",
+                                {BusValue(kDeviceI), BusValue(BusDict{}), BusValue(std::vector<std::string>{"RSSI"})});
+      }
     });
   });
   o.finish();
@@ -246,7 +242,8 @@ void FakeBluez::exportDevice(Device& d) {
     } else if (!d.connected) {
       return fail(call, "NotConnected", "Not Connected");
     }
-    if (!d.disconnecting) disconnect(d);  // else it goes in its own time
+    if (d.disconnecting) return call.reply();  // it goes in its own time
+    disconnect(d);
     call.reply();
   });
   o.finish();
@@ -312,7 +309,8 @@ void FakeBluez::exportGatt(Device& d, bool charger) {
     c.addMethod(kChrcI, "StartNotify", "", "", [this, &d, &c, uuid](const BusCall& call) {
       calls_.push_back("StartNotify " + uuid);
       if (&c != d.notify) return fail(call, "NotSupported", "Operation is not supported");
-      if (const auto& e = d.faults.startNotifyError) return call.fail(e->name, e->message);
+      if (d.faults.startNotifyError)
+        return call.fail(d.faults.startNotifyError->name, d.faults.startNotifyError->message);
       if (d.disconnecting) return fail(call, "Failed", "Device is disconnecting");
       d.notifiers.insert(call.sender());
       call.reply();
@@ -411,8 +409,26 @@ void FakeBluez::setPowered(bool on, const std::string& adapter) {
   }
 }
 
-void FakeBluez::leaveDyingLink(const std::shared_ptr<sim::VirtualPost>& post,
-                               std::chrono::milliseconds delay) {
+void FakeBluez::restart() {
+  // bluetoothd back on a bus started again: every object exported afresh, the name taken anew.
+  for (auto& d : devices_) {
+    d->pendingConnect.reset();
+    d->gatt.clear();
+    d->notify = nullptr;
+    d->object.reset();
+    d->connected = false;
+    d->notifiers.clear();
+  }
+  std::vector<std::pair<std::string, bool>> adapters;
+  for (const auto& [name, a] : adapters_) adapters.emplace_back(name, a->powered);
+  adapters_.clear();
+  root_.reset();
+  bus_ = bluez::Bus::openSystem();
+  own();
+  for (const auto& [name, powered] : adapters) addAdapter(name, powered);
+}
+
+void FakeBluez::leaveDyingLink(const std::shared_ptr<sim::VirtualPost>& post, std::chrono::milliseconds delay) {
   Device& d = deviceOf(post);
   d.connected = d.disconnecting = true;
   d.object->set(kDeviceI, "Connected", BusValue(true));
@@ -426,12 +442,13 @@ void FakeBluez::leaveDyingLink(const std::shared_ptr<sim::VirtualPost>& post,
 void FakeBluez::addNeighbour(const std::string& address, const Bytes& name) {
   sim::PostSetup setup;
   setup.identifier = address;
-  auto& o = *neighbours_.emplace_back(bus_->exportObject(pathOf(setup)));
-  o.addProperty(kDeviceI, "Address", BusValue(address));
-  o.addProperty(kDeviceI, "Name", BusValue("s", name));
-  o.addProperty(kDeviceI, "Adapter", BusValue::path("/org/bluez/hci0"));
-  o.finish();
-  o.emitAdded();
+  auto o = bus_->exportObject(pathOf(setup));
+  o->addProperty(kDeviceI, "Address", BusValue(address));
+  o->addProperty(kDeviceI, "Name", BusValue("s", name));
+  o->addProperty(kDeviceI, "Adapter", BusValue::path("/org/bluez/hci0"));
+  o->finish();
+  o->emitAdded();
+  neighbours_.push_back(std::move(o));
 }
 
 }  // namespace tqble::test

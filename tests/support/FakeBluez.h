@@ -9,7 +9,6 @@
 // kept across links, devices only while discovering and removed at power-off, its error names.
 
 #include <chrono>
-#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -23,10 +22,10 @@ namespace tqble::test {
 
 /// bluetoothd's ways, switched per post.
 struct BluezFaults {
-  bool silentConnected = false;                     ///< no Connected=true signal for a link
-  std::optional<bluez::BusError> connectError;      ///< Connect fails with it
-  bool connectHangs = false;                        ///< Connect answers only when cancelled
-  bool lateChargerService = false;                  ///< FFF0 exported after ServicesResolved
+  bool silentConnected = false;                 ///< no Connected=true signal for a link
+  std::optional<bluez::BusError> connectError;  ///< Connect fails with it
+  bool connectHangs = false;                    ///< Connect answers only when cancelled
+  bool lateChargerService = false;              ///< FFF0 exported after ServicesResolved
   std::optional<bluez::BusError> startNotifyError;  ///< StartNotify fails with it
 };
 
@@ -53,16 +52,6 @@ class FakeBluez {
   void dropLink(const std::shared_ptr<sim::VirtualPost>& post);
   /// Forgets a post's device object while idle, as bluetoothd does 30 s after a scan.
   void expire(const std::shared_ptr<sim::VirtualPost>& post);
-  /// A link of an earlier client to `post` that bluetoothd closes only after `delay`
-  /// (Connected stays true, notifications are refused until then).
-  void leaveDyingLink(const std::shared_ptr<sim::VirtualPost>& post,
-                      std::chrono::milliseconds delay);
-  /// A device heard before, kept by bluetoothd, whose name is `name` as it is (maybe no valid
-  /// text).
-  void addNeighbour(const std::string& address, const Bytes& name);
-  /// bluetoothd restarts (or the bus came back): every object removed, the name taken
-  /// again on a new connection, the adapters exported afresh as they were.
-  void restart();
   /// Every post in range of a discovering `adapter` is heard now (as every 50 ms anyway):
   /// a new device object at the first advertisement, then an RSSI change at each.
   void advertise(const std::string& adapter = "hci0");
@@ -76,6 +65,14 @@ class FakeBluez {
 
   struct Device;
   struct Adapter;
+
+  /// bluetoothd comes back on a bus started again at the same address: every object anew.
+  void restart();
+  /// A link of an earlier client to `post` that bluetoothd closes only after `delay`
+  /// (Connected stays true, notifications are refused until then).
+  void leaveDyingLink(const std::shared_ptr<sim::VirtualPost>& post, std::chrono::milliseconds delay);
+  /// A device heard before, kept by bluetoothd, whose name is `name` as it is (maybe no valid text).
+  void addNeighbour(const std::string& address, const Bytes& name);
 
  private:
   void own();
@@ -94,11 +91,11 @@ class FakeBluez {
   std::unique_ptr<bluez::BusObject> root_;
   std::map<std::string, std::unique_ptr<Adapter>> adapters_;
   std::vector<std::unique_ptr<Device>> devices_;  // never shrinks: a Device outlives its object
-  std::vector<std::unique_ptr<bluez::BusObject>> neighbours_;
   std::vector<std::string> calls_;
   std::vector<bluez::BusCall> barriers_;
   int busy_ = 0;  // delayed steps still to run
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+  std::vector<std::unique_ptr<bluez::BusObject>> neighbours_;
 };
 
 }  // namespace tqble::test

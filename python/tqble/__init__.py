@@ -1,0 +1,34 @@
+"""tqble: EV charging posts over Bluetooth LE, from asyncio.
+
+    import asyncio, tqble
+
+    async def main():
+        async with tqble.connect("TQ-AC7-0042") as post:
+            print(await post.state())
+
+    asyncio.run(main())
+
+``connect`` opens the link, ``scan``/``discover`` listen to the radio, ``tqble.sim`` puts
+simulated posts (and their faults) on the radio, ``tqble.blocking`` serves scripts without
+asyncio. Failures raise the ``TQBleError`` subclasses of ``tqble.errors``.
+"""
+
+from . import blocking, sim
+from ._core import backends, use_backend
+from .answers import (Acknowledgement, ChargeStage, ChargerState, ChargingMode,
+                      ChargingSession, Diagnostics, ErrorLogEntry, Fault, FaultKind, GunState,
+                      Heard, NetworkState, PostType, SystemInfo)
+from .client import Post, connect, discover, scan
+from .errors import (ClientInUseError, ConnectFailedError, LinkLostError,
+                     MalformedAnswerError, NotConnectedError, PostNotFoundError,
+                     RequestCancelledError, RequestTimeoutError, TQBleError, WriteFailedError)
+
+__all__ = [
+    "connect", "scan", "discover", "Post", "use_backend", "backends", "sim", "blocking",
+    "Acknowledgement", "ChargerState", "ChargingSession", "Diagnostics", "ErrorLogEntry",
+    "Fault", "Heard", "SystemInfo", "GunState", "FaultKind", "PostType", "ChargingMode",
+    "ChargeStage", "NetworkState",
+    "TQBleError", "NotConnectedError", "WriteFailedError", "RequestTimeoutError",
+    "LinkLostError", "MalformedAnswerError", "ConnectFailedError", "PostNotFoundError",
+    "RequestCancelledError", "ClientInUseError",
+]
