@@ -137,8 +137,11 @@ void FakeBluez::addAdapter(const std::string& name, bool powered) {
     if (!a.discoverers.contains(call.sender())) return fail(call, "Failed", "No discovery started");
     // The controller is told first: until it answers, the session is still there (a new
     // StartDiscovery gets InProgress) and the reply waits.
-    later(kStopDiscoveryDelay, [this, &a, call] {
-      a.discoverers.erase(call.sender());
+    // By name: the adapter may be removed (or bluetoothd restarted) meanwhile.
+    later(kStopDiscoveryDelay, [this, name = a.name, call] {
+      const auto it = adapters_.find(name);
+      if (it == adapters_.end() || !it->second->discoverers.erase(call.sender())) return;
+      Adapter& a = *it->second;
       call.reply();
       if (!a.discoverers.empty()) return;
       ++a.session;
@@ -382,7 +385,7 @@ void FakeBluez::removeDevice(Device& d) {
   d.gatt.clear();
   d.notify = nullptr;
   d.object.reset();
-  d.connected = false;
+  d.connected = d.disconnecting = false;
   d.notifiers.clear();
 }
 
