@@ -13,7 +13,13 @@ simulated posts (and their faults) on the radio, ``tqble.blocking`` serves scrip
 asyncio. Failures raise the ``TQBleError`` subclasses of ``tqble.errors``.
 """
 
-from . import blocking, sim
+import os as _os
+
+# The SDK's log lines are the manager's own texts, for debugging: a Python program hears
+# them only when TQBLE_LOG asks (stderr, or a file to append to).
+_os.environ.setdefault("TQBLE_LOG", "off")
+
+from . import blocking, sim  # noqa: E402
 from ._core import backends, use_backend
 from .answers import (Acknowledgement, ChargeStage, ChargerState, ChargingMode,
                       ChargingSession, Diagnostics, ErrorLogEntry, Fault, FaultKind, GunState,
