@@ -238,8 +238,10 @@ class Reader {
   // The value at [at, end) of `pdu`, written to or notified on `handle`.
   void value(std::size_t link, bool write, std::uint16_t handle, const Bytes& pdu,
              std::size_t at, std::size_t end) {
-    Piece piece{link, write, packet_->record,
-                static_cast<double>(packet_->micros - traffic_.startMicros) / 1e6,
+    // Subtracted as doubles: a damaged stamp may lie anywhere on the 64-bit scale.
+    const double seconds = (static_cast<double>(packet_->micros) -
+                            static_cast<double>(traffic_.startMicros)) / 1e6;
+    Piece piece{link, write, packet_->record, seconds,
                 Bytes(pdu.begin() + static_cast<std::ptrdiff_t>(at),
                       pdu.begin() + static_cast<std::ptrdiff_t>(end))};
     traffic_.pieces.push_back(std::move(piece));
