@@ -1,66 +1,21 @@
 // The client against the virtual post on virtual time: the ready moment, the queue, every
-// command's typed answer, every way a request fails, and what the manager still does.
+// command's answer, every way a request or a link fails, what the application's handles
+// and link observer see, and what the manager still does.
 #include <gtest/gtest.h>
 
-#include "support/Commands.h"
+#include "support/ClientSession.h"
 #include "support/Hex.h"
-#include "tqble/client/ChargerClient.h"
-#include "tqble/platform/Log.h"
-#include "tqble/platform/MainQueue.h"
-#include "tqble/sim/SimRadio.h"
 
 namespace tqble {
 namespace {
 
 using namespace std::chrono_literals;
-using test::hex;
-
-struct ClientSession {
-  explicit ClientSession(ClientOptions options = {}, sim::PostSetup setup = {}) {
-    MainQueue::main().useVirtualClock();
-    TQBleManager::useBackend("sim");
-    post = sim::SimRadio::shared().addPost(std::move(setup));
-    post->model().setClock(1'700'000'000);
-    client = std::make_unique<ChargerClient>(options);
-  }
-  /// Connects to the first post heard and lets the manager's own query after connecting end.
-  void connect() {
-    const auto outcome = tryConnect("");
-    ASSERT_TRUE(outcome.ok()) << outcome.error().message;
-    client->runUntil([] { return false; }, 4s);
-  }
-  Outcome<ChargerClient::PeripheralPtr> tryConnect(const std::string& name) {
-    std::optional<Outcome<ChargerClient::PeripheralPtr>> outcome;
-    client->connect(name, [&](const auto& o) { outcome = o; });
-    client->runUntil([&] { return outcome.has_value(); }, 20s);
-    return outcome.value_or(ClientError{ClientErrorKind::TimedOut, 0, "never ended"});
-  }
-  /// Runs one request to its end and returns its outcome.
-  template <typename T>
-  Outcome<T> ask(Pending<T> (ChargerClient::*request)(Completion<T>)) {
-    std::optional<Outcome<T>> outcome;
-    (client.get()->*request)([&](const Outcome<T>& o) { outcome = o; });
-    client->runUntil([&] { return outcome.has_value(); }, 30s);
-    return outcome.value_or(Outcome<T>(ClientError{ClientErrorKind::NotFound, 0, "never ended"}));
-  }
-  bool nothingPending() {
-    return client->manager().cmdType() == 0 && client->manager().systemInfoData().empty();
-  }
-
-  std::shared_ptr<sim::VirtualPost> post;
-  std::unique_ptr<ChargerClient> client;
-};
-
-std::vector<std::uint8_t> codesWritten(const sim::VirtualPost& post) {
-  std::vector<std::uint8_t> codes;
-  for (const Bytes& write : post.receivedWrites()) codes.push_back(write.at(1));
-  return codes;
-}
+using test::ClientSession;
 
 TEST(ChargerClient, IsReadyAfterTheFirstReadAndNoRequestTakesThatReadForItsAnswer) {
   // The post's first read holds a refused start-charging acknowledgement.
   sim::PostSetup setup;
-  setup.initialReadValue = hex("68 b4 00 00 01 00 00 dc 01");
+  setup.initialReadValue = test::hex("68 b4 00 00 01 00 00 dc 01");
   ClientSession s({}, setup);
   s.post->model().plugIn();
   std::optional<Outcome<SettingResult>> started;
@@ -69,20 +24,21 @@ TEST(ChargerClient, IsReadyAfterTheFirstReadAndNoRequestTakesThatReadForItsAnswe
     readyAtConnect = o.ok() && s.client->ready() && s.client->manager().readCharacteristic();
     s.client->startCharging([&](const auto& r) { started = r; });
   });
-  const auto begun = MainQueue::main().now();
+  const auto begun = s.now();
   ASSERT_TRUE(s.client->runUntil([&] { return readyAtConnect; }, 5s));
-  EXPECT_LT(MainQueue::main().now() - begun, 1s);
+  EXPECT_LT(s.now() - begun, 1s);
   ASSERT_TRUE(s.client->runUntil([&] { return started.has_value(); }, 10s));
   ASSERT_TRUE(started->ok());
   EXPECT_TRUE(started->value().accepted());
   EXPECT_EQ(s.post->model().gunState(), sim::GunState::Charging);
   // Written at once, well before the manager's own query 3 s after connecting.
-  EXPECT_EQ(codesWritten(*s.post), (std::vector<std::uint8_t>{0xB4}));
+  EXPECT_EQ(s.codesWritten(), (std::vector<std::uint8_t>{0xB4}));
+  EXPECT_EQ(s.links, (std::vector<std::string>{"connecting", "ready"}));
 }
 
 TEST(ChargerClient, WritesRequestsOneAtATimeInTheOrderAsked) {
   ClientSession s;
-  s.connect();
+  s.connectAndSettle();
   std::vector<std::string> ended;
   auto note = [&](const char* name) {
     return [&ended, name](const auto&) { ended.push_back(name); };
@@ -94,16 +50,16 @@ TEST(ChargerClient, WritesRequestsOneAtATimeInTheOrderAsked) {
   EXPECT_EQ(s.client->queued(), 4u);
   s.client->runUntil([&] { return ended.size() == 4; }, 10s);
   EXPECT_EQ(ended, (std::vector<std::string>{"state", "time", "volume", "history"}));
-  EXPECT_EQ(codesWritten(*s.post), (std::vector<std::uint8_t>{0xB1, 0xB5, 0xB0, 0xB2, 0xB7}));
+  EXPECT_EQ(s.codesWritten(), (std::vector<std::uint8_t>{0xB1, 0xB5, 0xB0, 0xB2, 0xB7}));
   EXPECT_EQ(s.post->model().volume(), 35);
 }
 
 TEST(ChargerClient, AnswersEveryCommandOfTheTableWithThePostsOwnAnswerFrame) {
   ClientSession s;
-  s.connect();
+  s.connectAndSettle();
   for (const auto& row : test::kCommandRows) {
     if (row.prepare) row.prepare(s.post->model());
-    const auto ended = test::askRow(*s.client, row);
+    const auto ended = s.ask(row);
     EXPECT_FALSE(ended.error) << row.name << ": " << ended.error->message;
     EXPECT_EQ(test::spaced(ended.frame), test::spaced(s.post->sentAnswers().back())) << row.name;
     EXPECT_EQ(s.post->receivedWrites().back().at(1), row.code) << row.name;
@@ -112,82 +68,71 @@ TEST(ChargerClient, AnswersEveryCommandOfTheTableWithThePostsOwnAnswerFrame) {
   EXPECT_EQ(s.post->model().volume(), 35);
   // The manager reads every stop as success; the client reads the post's acknowledgement.
   s.post->faults().refuse = {0xB6};
-  EXPECT_FALSE(s.ask<SettingResult>(&ChargerClient::stopCharging).value().accepted());
-}
-
-TEST(ChargerClient, EndsEveryRequestWhoseAnswerNeverComesWithATimeOutAndNothingPending) {
-  ClientSession s({.connectTimeout = 10s, .requestTimeout = 2s, .reconnect = {}});
-  s.connect();
-  s.post->faults().mute = true;
-  for (const auto& row : test::kCommandRows) {
-    const auto error = test::askRow(*s.client, row).error;
-    EXPECT_EQ(error ? error->kind : ClientErrorKind::NotFound, ClientErrorKind::TimedOut) << row.name;
-    EXPECT_TRUE(s.nothingPending()) << row.name;
-  }
-}
-
-TEST(ChargerClient, GathersAnAnswerTheManagerCutShortAndReportsOnlyUnownedRangeErrors) {
-  ClientSession s;
-  for (int i = 0; i < 3; ++i) s.post->model().addError({1'699'800'000 + i, 1});
-  s.connect();
-  std::vector<std::string> unowned;
-  s.client->setErrorHandler([&](const ClientError& e) { unowned.push_back(e.message); });
-  // The first piece of the error log is short: the manager dispatches it and its decoder
-  // finds three entries counted and none present; the client gathers the whole frame.
-  s.post->faults().chunkSizes = {11};
-  const auto log = s.ask<ErrorLog>(&ChargerClient::queryErrorLog);
-  ASSERT_TRUE(log.ok()) << log.error().message;
-  EXPECT_EQ(log.value().size(), 3u);
-  EXPECT_TRUE(s.nothingPending());
-  // The same answer to a command the application wrote itself belongs to no request.
-  s.client->manager().queryHistoryErrorLogListWithError(nullptr);
-  s.client->runUntil([&] { return !unowned.empty(); }, 2s);
-  ASSERT_EQ(unowned.size(), 1u);
-  EXPECT_TRUE(unowned[0].starts_with("the answer could not be decoded")) << unowned[0];
-  s.post->faults().chunkSizes.clear();
-  EXPECT_EQ(s.ask<ErrorLog>(&ChargerClient::queryErrorLog).value().size(), 3u);
-}
-
-TEST(ChargerClient, FailsARequestCutByALinkLossAndServesTheNextOnTheReconnectedLink) {
-  ClientSession s({.connectTimeout = 10s, .requestTimeout = 5s, .reconnect = {1, 500ms}});
-  for (int i = 0; i < 5; ++i) s.post->model().addError({1'699'800'000 + i, 2});
-  s.connect();
-  std::vector<std::string> unowned;
-  s.client->setErrorHandler([&](const ClientError& e) { unowned.push_back(e.message); });
-  // Lost after the first 20-byte piece; the reconnected link's first read then returns
-  // that piece, which an error log left pending would take for its answer.
-  s.post->faults().dropLinkAfterNotifications = 1;
-  const auto cut = s.ask<ErrorLog>(&ChargerClient::queryErrorLog);
-  ASSERT_FALSE(cut.ok());
-  EXPECT_EQ(cut.error().kind, ClientErrorKind::LinkLost);
-  ASSERT_TRUE(s.client->runUntil([&] { return s.client->ready(); }, 5s));
-  EXPECT_TRUE(s.nothingPending());
-  const auto again = s.ask<ErrorLog>(&ChargerClient::queryErrorLog);
-  ASSERT_TRUE(again.ok()) << again.error().message;
-  EXPECT_EQ(again.value().size(), 5u);
-  EXPECT_EQ(unowned, std::vector<std::string>{});
+  EXPECT_FALSE(s.client->wait(s.client->stopCharging()).value().accepted());
 }
 
 TEST(ChargerClient, ReportsEachFailureByItsKind) {
   ClientSession s;
-  EXPECT_EQ(s.ask<ChargerState>(&ChargerClient::queryChargerState).error().kind,
-            ClientErrorKind::NotConnected);
-  const auto unheard = s.tryConnect("no such post");
+  EXPECT_EQ(s.client->wait(s.client->queryChargerState()).error().kind, ClientErrorKind::NotConnected);
+  const auto unheard = s.connect("no such post");
   EXPECT_EQ(unheard.error().kind, ClientErrorKind::NotFound);
   EXPECT_EQ(unheard.error().message, "no post named 'no such post' heard");
   s.post->faults().connectionError = TQError{"connection refused", 6, {}};
-  const auto refusedLink = s.tryConnect("SIM-POST-0001");
+  const auto refusedLink = s.connect("SIM-POST-0001");
   EXPECT_EQ(refusedLink.error().kind, ClientErrorKind::ConnectFailed);
   EXPECT_EQ(refusedLink.error().message, "the connection failed (connection refused)");
   s.post->faults().connectionError.reset();
-  s.connect();
+  s.connectAndSettle();
   s.client->manager().setWriteCharacteristic(nullptr);
-  const auto refused = s.ask<SettingResult>(&ChargerClient::synchroTime);
+  const auto refused = s.client->wait(s.client->synchroTime());
   EXPECT_EQ(refused.error().kind, ClientErrorKind::WriteFailed);
   EXPECT_EQ(refused.error().code, 1001);
   EXPECT_EQ(refused.error().message, "write failed (1001): 蓝牙写入特征为空，请检查蓝牙连接设备");
   EXPECT_TRUE(s.nothingPending());
+  EXPECT_EQ(s.links, (std::vector<std::string>{
+                         "connecting", "closed (no post named 'no such post' heard)", "connecting",
+                         "closed (the connection failed (connection refused))", "connecting", "ready"}));
 }
+
+// BlueZ refuses connections for passing reasons (the controller's own abort, another
+// attempt under way): the client asks again, up to connectRetries times, and says which
+// refusal it met last.
+struct Refusal {
+  const char* name;
+  const char* message;
+  int attempts;  // until the link is up, or given up
+  bool linked;
+};
+const Refusal kRefusals[] = {
+    {"org.bluez.Error.Failed", "le-connection-abort-by-local", 3, true},
+    {"org.bluez.Error.InProgress", "In Progress", 4, true},
+    {"org.bluez.Error.InProgress", "In Progress", 4, false},  // the first and 3 more
+    {"org.bluez.Error.Failed", "Page Timeout", 1, false},
+};
+
+class Refused : public testing::TestWithParam<Refusal> {};
+
+TEST_P(Refused, ConnectsOnceBlueZStopsRefusingOrSaysWhichRefusalItMetLast) {
+  const Refusal& refusal = GetParam();
+  ClientSession s;
+  s.post->faults().connectionError =
+      TQError{"connection failed", 1, {{"name", Value{refusal.name}}, {"message", Value{refusal.message}}}};
+  int attempts = 0;
+  s.watcher->didFailToConnectPeripheral = [&](auto&, const auto&, const auto&) {
+    if (++attempts + 1 == refusal.attempts && refusal.linked) s.post->faults().connectionError.reset();
+  };
+  const auto link = s.connect();
+  EXPECT_EQ(link.ok(), refusal.linked);
+  EXPECT_EQ(attempts + (refusal.linked ? 1 : 0), refusal.attempts);
+  if (!refusal.linked) {
+    EXPECT_EQ(link.error().stackError, refusal.name);
+  }
+  EXPECT_EQ(s.links.size(), 2u);  // connecting, then ready or closed
+}
+
+INSTANTIATE_TEST_SUITE_P(Client, Refused, testing::ValuesIn(kRefusals), [](const auto& info) {
+  return std::to_string(info.index);
+});
 
 TEST(ChargerClient, LeavesTheApplicationDelegateEveryManagerCallAsTheManagerMakesIt) {
   std::vector<std::string> heard;
@@ -209,12 +154,8 @@ TEST(ChargerClient, LeavesTheApplicationDelegateEveryManagerCallAsTheManagerMake
     MainQueue::main().useVirtualClock();
     TQBleManager::shareManager()->setDelegate(app);
     ChargerClient client;
-    std::optional<Outcome<ChargerClient::PeripheralPtr>> linked;
-    client.connect("", [&](const auto& o) { linked = o; });
-    client.runUntil([&] { return linked.has_value(); }, 5s);
-    std::optional<Outcome<ChargerState>> state;
-    client.queryChargerState([&](const auto& o) { state = o; });
-    client.runUntil([&] { return state.has_value(); }, 10s);
+    ASSERT_TRUE(client.wait(client.connect("")).ok());
+    client.wait(client.queryChargerState());
     client.disconnect();
     client.runUntil([] { return false; }, 1s);
   }
@@ -222,6 +163,108 @@ TEST(ChargerClient, LeavesTheApplicationDelegateEveryManagerCallAsTheManagerMake
   EXPECT_EQ(heard, (std::vector<std::string>{
                        "discover SIM-POST-0001 -58", "connect", "update, tag 0",  // first read
                        "update, tag 6", "update: 未知", "disconnect"}));
+}
+
+// ---- Handles ---------------------------------------------------------------------------
+
+// What happens to a request after it is asked; each case ends the first of three requests
+// and must leave the other two their answers.
+struct HandleCase {
+  const char* name;
+  void (*act)(RequestHandle& first);
+  ClientErrorKind expected;
+};
+const HandleCase kHandleCases[] = {
+    {"CancelledWhileRunning", [](RequestHandle& h) { EXPECT_TRUE(h.cancel()); }, ClientErrorKind::Cancelled},
+    {"CancelledTwice",
+     [](RequestHandle& h) {
+       EXPECT_TRUE(h.cancel());
+       EXPECT_FALSE(h.cancel());
+     },
+     ClientErrorKind::Cancelled},
+    {"OwnTimeOutWhileTheAnswerIsHeld", [](RequestHandle& h) { h.setTimeout(200ms); },  // not 5 s
+     ClientErrorKind::TimedOut},
+};
+
+class Handle : public testing::TestWithParam<HandleCase> {};
+
+TEST_P(Handle, EndsTheRequestExactlyOnceAndTheNextRequestsGetTheirOwnAnswers) {
+  ClientSession s;
+  s.connectAndSettle();
+  s.post->faults().lateNotifications = {{0, 1s}};  // the answer comes after the request ended
+  int firstEnded = 0;
+  auto handle = s.client->queryChargerState([&](const auto&) { ++firstEnded; });
+  s.runFor(10ms);  // written and running
+  GetParam().act(handle);
+  s.client->runUntil([&] { return firstEnded > 0; }, 900ms);
+  EXPECT_EQ(firstEnded, 1);
+  s.post->faults().lateNotifications.clear();
+  const auto second = s.client->wait(s.client->queryChargerState());
+  const auto third = s.client->wait(s.client->querySystemInfo());
+  s.runFor(6s);  // past the client's own time-out
+  EXPECT_EQ(firstEnded, 1);
+  EXPECT_EQ(handle.outcome()->error().kind, GetParam().expected);
+  EXPECT_TRUE(second.ok()) << second.error().message;
+  EXPECT_TRUE(third.ok()) << third.error().message;
+}
+
+INSTANTIATE_TEST_SUITE_P(Requests, Handle, testing::ValuesIn(kHandleCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(Handle, CancelsAWaitingRequestWithoutWritingIt) {
+  ClientSession s;
+  s.connectAndSettle();
+  auto running = s.client->queryChargerState();
+  auto waiting = s.client->queryHistory();
+  EXPECT_TRUE(waiting.cancel());
+  EXPECT_EQ(s.client->wait(waiting).error().kind, ClientErrorKind::Cancelled);
+  EXPECT_TRUE(s.client->wait(running).ok());
+  s.runFor(1s);
+  const auto codes = s.codesWritten();
+  EXPECT_EQ(std::count(codes.begin(), codes.end(), 0xB2), 0);
+}
+
+// ---- The link --------------------------------------------------------------------------
+
+TEST(ClientLink, FailsARequestCutByALinkLossAndServesTheNextOnTheReconnectedLink) {
+  ClientSession s({.connectTimeout = 10s, .requestTimeout = 5s, .reconnect = {1, 500ms}});
+  for (int i = 0; i < 5; ++i) s.post->model().addError({1'699'800'000 + i, 2});
+  s.connectAndSettle();
+  std::vector<std::string> unowned;
+  s.client->setErrorHandler([&](const ClientError& e) { unowned.push_back(e.message); });
+  // Lost after the first 20-byte piece; the reconnected link's first read then returns
+  // that piece, which an error log left pending would take for its answer.
+  s.post->faults().dropLinkAfterNotifications = 1;
+  const auto cut = s.client->wait(s.client->queryErrorLog());
+  ASSERT_FALSE(cut.ok());
+  EXPECT_EQ(cut.error().kind, ClientErrorKind::LinkLost);
+  ASSERT_TRUE(s.client->runUntil([&] { return s.client->ready(); }, 5s));
+  EXPECT_TRUE(s.nothingPending());
+  const auto again = s.client->wait(s.client->queryErrorLog());
+  ASSERT_TRUE(again.ok()) << again.error().message;
+  EXPECT_EQ(again.value().size(), 5u);
+  EXPECT_EQ(unowned, std::vector<std::string>{});
+}
+
+TEST(ClientLink, ReconnectsAfterWaitsThatDoubleUpToTheCapThenCloses) {
+  ClientSession s({.connectTimeout = 10s, .requestTimeout = 5s, .reconnect = {3, 400ms, 1000ms}});
+  ASSERT_TRUE(s.connect().ok());
+  s.links.clear();
+  s.linkTimes.clear();
+  std::vector<MainQueue::Clock::time_point> failed;
+  s.watcher->didFailToConnectPeripheral = [&](auto&, const auto&, const auto&) { failed.push_back(s.now()); };
+  s.post->faults().connectionError = TQError{"connection refused", 6, {}};
+  s.post->dropLink();
+  s.client->runUntil([&] { return s.links.size() == 5; }, 10s);
+  EXPECT_EQ(s.links, (std::vector<std::string>{"lost (the link went down (The link to the charging post was lost.))",
+                                               "reconnecting 1", "reconnecting 2", "reconnecting 3",
+                                               "closed (the connection failed (connection refused))"}));
+  ASSERT_EQ(failed.size(), 3u);
+  EXPECT_EQ(s.linkTimes[1] - s.linkTimes[0], 400ms);
+  EXPECT_EQ(s.linkTimes[2] - failed[0], 800ms);
+  EXPECT_EQ(s.linkTimes[3] - failed[1], 1000ms);
+  EXPECT_EQ(s.linkTimes[4], failed[2]);
+  EXPECT_FALSE(s.client->ready());
 }
 
 }  // namespace

@@ -136,6 +136,14 @@ TEST_P(HostedClient, DeliversEveryAnswerAndContainsAShortAnswersRangeError) {
   EXPECT_EQ(state->value().record.gunStatus, "未知");
   ASSERT_TRUE(whole->ok()) << whole->error().message;
   EXPECT_EQ(whole->value().size(), 3u);
+  // The same cut answer to a command the application wrote itself belongs to no request.
+  std::vector<std::string> unowned;
+  client.setErrorHandler([&](const ClientError& e) { unowned.push_back(e.message); });
+  post->faults().chunkSizes = {11};
+  client.manager().queryHistoryErrorLogListWithError(nullptr);
+  ASSERT_TRUE(host(client, [&] { return !unowned.empty(); }));
+  ASSERT_EQ(unowned.size(), 1u);
+  EXPECT_TRUE(unowned[0].starts_with("the answer could not be decoded: ")) << unowned[0];
 }
 
 #ifdef TQBLE_HAVE_GLIB

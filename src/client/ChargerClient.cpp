@@ -28,9 +28,25 @@ constexpr auto kQuietBeforeAutoQuery = 250ms;
 constexpr std::int64_t kSystemInfoTag = 2;
 // The manager's system-information rows: it appends the ten again on every answer.
 constexpr std::size_t kInfoRows = 10;
+// A connection BlueZ refused for a passing reason is asked again after this long.
+constexpr auto kRetryDelay = 200ms;
 
 ClientError error(ClientErrorKind kind, std::string message, std::int64_t code = 0) {
-  return ClientError{kind, code, std::move(message)};
+  return ClientError{kind, code, std::move(message), {}};
+}
+
+std::string userText(const std::optional<TQError>& e, const char* key) {
+  if (!e) return "";
+  const auto it = e->userInfo.find(key);
+  const auto* text = it == e->userInfo.end() ? nullptr : std::get_if<std::string>(&it->second);
+  return text ? *text : "";
+}
+
+// BlueZ's refusals that the next attempt usually does not meet: the controller dropped
+// the attempt itself, or another one is under way.
+bool passing(const std::optional<TQError>& e) {
+  return userText(e, "name") == "org.bluez.Error.InProgress" ||
+         userText(e, "message").find("le-connection-abort-by-local") != std::string::npos;
 }
 
 bool sameText(const std::string& a, const std::string& b) {
@@ -107,6 +123,7 @@ void ChargerClient::installDelegate() {
       if (!heard_) stopScan();
       peripheral_ = p;
       link_ = Link::Connecting;
+      attemptOpen_ = true;
       manager_->startConnectPeripheral(p);
     }
   };
@@ -166,7 +183,11 @@ bool ChargerClient::beginConnect(Completion<PeripheralPtr>& done) {
   }
   connectDone_ = std::move(done);
   userClosed_ = false;
+  established_ = false;
+  retriesLeft_ = options_.connectRetries;
   reconnectsLeft_ = options_.reconnect.attempts;
+  reconnects_ = 0;
+  report(LinkEvent::Connecting);
   return true;
 }
 
@@ -193,6 +214,7 @@ Pending<ChargerClient::PeripheralPtr> ChargerClient::connect(const std::string& 
 void ChargerClient::startConnecting(const PeripheralPtr& peripheral) {
   peripheral_ = peripheral;
   link_ = Link::Connecting;
+  attemptOpen_ = true;
   armConnectTimeout();
   manager_->startConnectPeripheral(peripheral);
 }
@@ -204,6 +226,7 @@ void ChargerClient::armConnectTimeout() {
     const bool finding = c.link_ == Link::Finding;
     const std::string attributes = finding ? "" : c.attributeNote();  // before the link goes
     c.link_ = Link::Idle;
+    c.attemptOpen_ = false;
     if (finding) {
       c.stopScan();
     } else {
@@ -216,8 +239,10 @@ void ChargerClient::armConnectTimeout() {
                                    c.radioNote())
                        : error(ClientErrorKind::TimedOut,
                                "the link did not become ready in time" + attributes);
+    if (c.established_) return c.reconnectOrClose(e);
     c.connectDone(&e);
-    c.failAll(e);  // requests kept for a reconnection that did not come
+    c.failAll(e);
+    c.report(LinkEvent::Closed, 0, e);
   });
 }
 
@@ -260,6 +285,7 @@ std::string ChargerClient::attributeNote() const {
 void ChargerClient::linkUp(const PeripheralPtr& peripheral) {
   peripheral_ = peripheral;
   link_ = Link::Discovering;
+  attemptOpen_ = false;
   // Characteristics of an earlier link are stale; discovery stores this link's. Nothing
   // may be pending, so the post's first read is taken for no answer.
   manager_->setWriteCharacteristic(nullptr);
@@ -268,29 +294,31 @@ void ChargerClient::linkUp(const PeripheralPtr& peripheral) {
   frames_->reset();
   owed_.clear();
   // The manager's query is due at the same moment as this task, queued just after it.
-  autoQueryAt_ = MainQueue::main().now() + kAutoQueryDelay;
-  autoSettled_ = false;
-  const auto attempt = attempt_;
-  after(kAutoQueryDelay, [attempt](ChargerClient& c) {
-    if (c.attempt_ != attempt) return;
+  managerQueries_.push_back(MainQueue::main().now() + kAutoQueryDelay);
+  after(kAutoQueryDelay, [](ChargerClient& c) {
     // A timer due now runs behind the manager's, which is already queued for this moment.
-    MainQueue::main().asyncAfter(0ns, [alive = std::weak_ptr<bool>(c.alive_), &c, attempt] {
-      if (alive.lock() && c.attempt_ == attempt) c.autoQueryWritten();
+    MainQueue::main().asyncAfter(0ns, [alive = std::weak_ptr<bool>(c.alive_), &c] {
+      if (alive.lock()) c.managerQueryRan();
     });
   });
 }
 
-// Runs right after the manager's own query: whether it went out decides what is owed.
-void ChargerClient::autoQueryWritten() {
-  if (manager_->cmdType() != kSystemInfoTag || !manager_->connectedPheral() ||
-      !manager_->writeCharacteristic() || link_ != Link::Ready) {
+// Runs right after one of the manager's own queries: whether it went out on the link that
+// stands now decides what is owed.
+void ChargerClient::managerQueryRan() {
+  managerQueries_.pop_front();
+  const bool written = manager_->cmdType() == kSystemInfoTag && manager_->connectedPheral() &&
+                       manager_->writeCharacteristic() &&
+                       (link_ == Link::Ready || link_ == Link::Discovering);
+  if (!written) {
     if (manager_->cmdType() == kSystemInfoTag) clearPending();
     return settleAutoQuery();
   }
   owed_.push_back({kCmdSystemInfo, 0});
+  autoOwed_ = true;
   const auto attempt = attempt_;
   after(options_.requestTimeout, [attempt](ChargerClient& c) {
-    if (c.attempt_ != attempt || c.autoSettled_) return;
+    if (c.attempt_ != attempt || !c.autoOwed_) return;
     std::erase_if(c.owed_, [](const Owed& o) { return o.owner == 0; });
     if (c.manager_->cmdType() == kSystemInfoTag) c.clearPending();
     c.settleAutoQuery();
@@ -298,7 +326,7 @@ void ChargerClient::autoQueryWritten() {
 }
 
 void ChargerClient::settleAutoQuery() {
-  autoSettled_ = true;
+  autoOwed_ = false;
   trimRows();
   pump();
 }
@@ -311,7 +339,8 @@ void ChargerClient::trimRows() {
 }
 
 bool ChargerClient::holding() const {
-  return !autoSettled_ && MainQueue::main().now() + kQuietBeforeAutoQuery >= autoQueryAt_;
+  return autoOwed_ || (!managerQueries_.empty() &&
+                       MainQueue::main().now() + kQuietBeforeAutoQuery >= managerQueries_.front());
 }
 
 void ChargerClient::onRadioState(std::int64_t state) {
@@ -330,8 +359,22 @@ void ChargerClient::onRadioState(std::int64_t state) {
 
 void ChargerClient::linkDown(const std::optional<TQError>& platformError, bool failed) {
   const Link was = link_;
+  // The answer to an attempt abandoned by its time-out, or to a closed link.
+  if (was == Link::Idle || (was == Link::Connecting && !attemptOpen_)) return;
+  attemptOpen_ = false;
+  if (failed && was == Link::Connecting && !userClosed_ && retriesLeft_ > 0 &&
+      passing(platformError)) {
+    // Asked again within the same connect time-out.
+    --retriesLeft_;
+    after(kRetryDelay, [attempt = attempt_](ChargerClient& c) {
+      if (c.attempt_ != attempt || c.link_ != Link::Connecting) return;
+      c.attemptOpen_ = true;
+      c.manager_->startConnectPeripheral(c.peripheral_);
+    });
+    return;
+  }
   link_ = Link::Idle;
-  autoSettled_ = true;
+  autoOwed_ = false;
   ++attempt_;  // the lost link's timers
   // Whatever was pending belongs to the lost link; left there, it would take the next
   // link's first read for its answer.
@@ -342,26 +385,45 @@ void ChargerClient::linkDown(const std::optional<TQError>& platformError, bool f
     const auto e = error(ClientErrorKind::LinkLost, "the link went down before the answer");
     complete({}, &e);
   }
-  if (was == Link::Idle || userClosed_) return;
-  if (reconnectsLeft_ > 0) {
-    --reconnectsLeft_;
-    link_ = Link::Connecting;
-    ++attempt_;
-    after(options_.reconnect.delay, [attempt = attempt_](ChargerClient& c) {
-      if (c.attempt_ != attempt || c.link_ != Link::Connecting) return;
-      if (c.manager_->centralManager()->state() == ble::CentralManagerStatePoweredOn) {
-        c.startConnecting(c.peripheral_);
-      } else {
-        c.reconnectOnPower_ = true;  // when the adapter is back
-      }
-    });
-    return;
-  }
+  if (userClosed_) return;
   const std::string why = platformError ? " (" + platformError->domain + ")" : std::string();
-  const auto e = failed ? error(ClientErrorKind::ConnectFailed, "the connection failed" + why)
-                        : error(ClientErrorKind::LinkLost, "the link went down" + why);
+  auto e = failed ? error(ClientErrorKind::ConnectFailed, "the connection failed" + why)
+                  : error(ClientErrorKind::LinkLost, "the link went down" + why);
+  e.stackError = userText(platformError, "name");
+  if (was == Link::Discovering || was == Link::Ready) report(LinkEvent::Lost, 0, e);
+  if (established_) return reconnectOrClose(e);
   if (connectDone_) connectDone(&e);
   failAll(e);
+  report(LinkEvent::Closed, 0, e);
+}
+
+// After a lost link or a failed attempt to bring it back: the policy's next attempt, after
+// a wait that doubles each time, or the end of the link.
+void ChargerClient::reconnectOrClose(const ClientError& why) {
+  if (reconnectsLeft_ <= 0) {
+    link_ = Link::Idle;
+    failAll(why);
+    return report(LinkEvent::Closed, 0, why);
+  }
+  --reconnectsLeft_;
+  const int n = ++reconnects_;
+  auto delay = options_.reconnect.delay;
+  for (int i = 1; i < n && delay < options_.reconnect.maxDelay; ++i) delay *= 2;
+  link_ = Link::Connecting;
+  ++attempt_;
+  after(std::min(delay, options_.reconnect.maxDelay), [attempt = attempt_, n](ChargerClient& c) {
+    if (c.attempt_ != attempt || c.link_ != Link::Connecting) return;
+    c.report(LinkEvent::Reconnecting, n);
+    if (c.manager_->centralManager()->state() == ble::CentralManagerStatePoweredOn) {
+      c.startConnecting(c.peripheral_);
+    } else {
+      c.reconnectOnPower_ = true;  // when the adapter is back
+    }
+  });
+}
+
+void ChargerClient::report(LinkEvent event, int attempt, std::optional<ClientError> reason) {
+  if (onLink_) onLink_(LinkChange{event, attempt, std::move(reason)});
 }
 
 void ChargerClient::connectDone(const ClientError* e) {
@@ -382,7 +444,8 @@ void ChargerClient::disconnect() {
   ++attempt_;
   const Link was = link_;
   link_ = Link::Idle;
-  autoSettled_ = true;
+  attemptOpen_ = false;
+  autoOwed_ = false;
   reconnectOnPower_ = false;
   clearPending();
   frames_->reset();
@@ -394,6 +457,7 @@ void ChargerClient::disconnect() {
   if (was != Link::Idle && was != Link::Finding)
     manager_->stopConnectPeripheral(peripheral_, nullptr);
   connectDone(&e);
+  if (was != Link::Idle) report(LinkEvent::Closed);
 }
 
 // ---- Requests ------------------------------------------------------------------------
@@ -561,7 +625,11 @@ void ChargerClient::onUpdate(bool failed) {
       manager_->readCharacteristic()) {
     // The post's first read: the link is ready, and the value is no answer.
     link_ = Link::Ready;
+    established_ = true;
+    reconnectsLeft_ = options_.reconnect.attempts;
+    reconnects_ = 0;
     connectDone(nullptr);
+    report(LinkEvent::Ready);
     pump();
     return;
   }
@@ -590,7 +658,7 @@ void ChargerClient::deliver(const Bytes& frame) {
   if (frame[1] == kCmdSystemInfo) trimRows();
   if (!inFlight_ || owner != generation_) return;
   // An answer that arrived behind the manager's own query went into its buffer.
-  if (!autoSettled_ && manager_->cmdType() == kSystemInfoTag)
+  if (autoOwed_ && manager_->cmdType() == kSystemInfoTag)
     manager_->setSystemInfoData(std::nullopt);
   complete(frame, nullptr);
 }

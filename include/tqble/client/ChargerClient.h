@@ -42,12 +42,13 @@ enum class ClientErrorKind {
   Cancelled,      ///< the application cancelled the request
 };
 
-/// A failed client step: its kind, the manager's code for WriteFailed (else 0) and a
-/// one-line English message.
+/// A failed client step: its kind, the manager's code for WriteFailed (else 0), a one-line
+/// English message and, when the Bluetooth stack refused, its own error name.
 struct ClientError {
   ClientErrorKind kind;
   std::int64_t code = 0;
   std::string message;
+  std::string stackError = {};  ///< BlueZ's name ("org.bluez.Error.Failed"), else empty
 };
 
 /// Short English name of an error kind ("timed out").
@@ -121,10 +122,28 @@ class Pending : public RequestHandle {
       std::make_shared<std::optional<Outcome<T>>>();
 };
 
-/// Reconnection after a link lost without disconnect(): how often and after how long.
+/// Reconnection after a link lost without disconnect(): how often, and after how long; the
+/// wait doubles after each failed attempt up to `maxDelay`, and starts over once ready.
 struct ReconnectPolicy {
   int attempts = 0;  ///< 0: never
   std::chrono::milliseconds delay{1000};
+  std::chrono::milliseconds maxDelay{30000};
+};
+
+/// What became of the link.
+enum class LinkEvent {
+  Connecting,    ///< connect() began: finding the post or opening the link
+  Ready,         ///< requests are written from now on
+  Lost,          ///< the link went down without disconnect(); `reason` says how
+  Reconnecting,  ///< attempt `attempt` of the reconnection policy begins
+  Closed,        ///< no link and none coming: disconnect(), a failed connect, or attempts spent
+};
+
+/// A change of the link, as the link observer receives it.
+struct LinkChange {
+  LinkEvent event;
+  int attempt = 0;                   ///< Reconnecting: 1 for the first attempt
+  std::optional<ClientError> reason; ///< Lost, and Closed when not by disconnect()
 };
 
 /// Time-outs and the reconnection policy of a client.
@@ -132,6 +151,9 @@ struct ClientOptions {
   std::chrono::milliseconds connectTimeout{10000};  ///< finding a post and readying its link
   std::chrono::milliseconds requestTimeout{5000};   ///< a request's whole answer, once written
   ReconnectPolicy reconnect;
+  /// Connection attempts repeated at once when BlueZ refuses one for a passing reason
+  /// (`le-connection-abort-by-local`, `org.bluez.Error.InProgress`), within connectTimeout.
+  int connectRetries = 3;
   /// Takes answers whose checksum does not hold (a post whose firmware computes it
   /// otherwise), reporting it on the outcome; otherwise they fail as Malformed.
   bool acceptChecksumMismatch = false;
@@ -161,6 +183,15 @@ class ChargerClient {
   /// The application's delegate: receives every manager call, as the manager makes it.
   void setDelegate(std::weak_ptr<TQBleManagerDelegate> delegate) {
     appDelegate_ = std::move(delegate);
+  }
+  /// Receives every change of the link, on the main queue, as it happens.
+  /// @code
+  ///   client.setLinkObserver([](const LinkChange& c) {
+  ///     if (c.event == LinkEvent::Lost) std::printf("lost: %s\n", c.reason->message.c_str());
+  ///   });
+  /// @endcode
+  void setLinkObserver(std::function<void(const LinkChange&)> observer) {
+    onLink_ = std::move(observer);
   }
   /// Errors no request owns (an answer the manager could not decode while nothing was
   /// asked through the client). Default: one log line.
@@ -294,9 +325,11 @@ class ChargerClient {
   std::string attributeNote() const;
   void linkUp(const PeripheralPtr& peripheral);
   void linkDown(const std::optional<TQError>& platformError, bool failed);
+  void reconnectOrClose(const ClientError& why);
+  void report(LinkEvent event, int attempt = 0, std::optional<ClientError> reason = {});
   void onRadioState(std::int64_t state);
   void connectDone(const ClientError* error);
-  void autoQueryWritten();
+  void managerQueryRan();
   void settleAutoQuery();
   void trimRows();
   bool holding() const;
@@ -329,14 +362,20 @@ class ChargerClient {
   Heard heard_;
   bool scanWanted_ = false;
   Completion<PeripheralPtr> connectDone_;
+  std::function<void(const LinkChange&)> onLink_;
   std::uint64_t attempt_ = 0;  // tells a stale link timer from the current one
+  bool attemptOpen_ = false;   // the stack is asked for a link and has not answered
   bool userClosed_ = false;
+  bool established_ = false;   // ready once since connect(): a loss is reconnected
+  int retriesLeft_ = 0;        // of a refusal BlueZ gives for a passing reason
   int reconnectsLeft_ = 0;
+  int reconnects_ = 0;         // attempts since the link was last ready
   bool reconnectOnPower_ = false;  // a reconnection waits for the adapter to come back
-  // The manager asks for the system information by itself 3 s after each connection.
-  // Requests stop being written shortly before and wait until its answer is absorbed.
-  std::chrono::steady_clock::time_point autoQueryAt_{};
-  bool autoSettled_ = true;
+  // The manager asks for the system information by itself 3 s after every connection,
+  // and a lost link does not cancel it: it goes out on whatever link stands by then.
+  // Requests stop being written shortly before each and wait until its answer is absorbed.
+  std::deque<std::chrono::steady_clock::time_point> managerQueries_;  // due, not yet run
+  bool autoOwed_ = false;
 
   std::deque<Request> queue_;  // the front one runs when inFlight_
   bool inFlight_ = false;
