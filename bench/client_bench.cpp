@@ -1,13 +1,16 @@
-// One state request through the client, from the call to its typed answer, on the
-// simulated radio with every latency zero and the real clock: the SDK's own cost per
-// request, which python/bench/state_request.py compares with the same request from Python.
+// The client on the simulated radio with every latency zero and the real clock: one state
+// request from the call to its typed answer (the SDK's own cost per request, which
+// python/bench/state_request.py compares with the same request from Python), and the heap
+// over 20,000 mixed requests.
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 
 #include <chrono>
 #include <memory>
 
 #include "tqble/client/ChargerClient.h"
 #include "tqble/platform/Log.h"
+#include "tqble/platform/MainQueue.h"
 #include "tqble/sim/SimRadio.h"
 
 namespace {
@@ -43,5 +46,89 @@ void BM_ClientStateRequestOnTheSimulator(benchmark::State& state) {
   state.SetLabel("one request, call to answer");
 }
 BENCHMARK(BM_ClientStateRequestOnTheSimulator)->Unit(benchmark::kMicrosecond);
+
+// Heap in use: chunks handed out (headers included) and mapped blocks.
+std::size_t heapInUse() {
+  const auto m = mallinfo2();
+  return m.uordblks + m.hblkhd;
+}
+
+// Heap the simulated post holds for its record of every write and answer (which tests
+// read): the simulator's, not the SDK's.
+std::size_t postRecords(const sim::VirtualPost& post) {
+  const auto chunk = [](const void* p) {
+    if (!p) return std::size_t{0};
+    // The chunk's size word sits just before it; bit 1 marks a mapped chunk, whose header
+    // is two words where a heap chunk's is one.
+    const std::size_t word = static_cast<const std::size_t*>(p)[-1];
+    return malloc_usable_size(const_cast<void*>(p)) + (word & 2 ? 2 : 1) * sizeof(std::size_t);
+  };
+  std::size_t bytes = chunk(post.receivedWrites().data()) + chunk(post.sentAnswers().data());
+  for (const auto& w : post.receivedWrites()) bytes += chunk(w.data());
+  for (const auto& a : post.sentAnswers()) bytes += chunk(a.data());
+  return bytes;
+}
+
+// One request of every kind the client offers, asked together; false unless each answered.
+bool askEveryKind(ChargerClient& client) {
+  constexpr int kKinds = 12;
+  int ended = 0, answered = 0;
+  const auto count = [&](const auto& outcome) {
+    ++ended;
+    answered += outcome.ok();
+  };
+  client.synchroTime(count);
+  client.querySystemInfo(count);
+  client.setVolume(7, count);
+  client.reserve(22, 0, 6, 30, count);
+  client.startCharging(count);
+  client.stopCharging(count);
+  client.queryChargerState(count);
+  client.queryChargingData(count);
+  client.queryHistory(count);
+  client.queryCumulativeEnergy(count);
+  client.queryErrorLog(count);
+  client.queryDiagnostics(count);
+  return client.runUntil([&] { return ended == kKinds; }, 10s) && answered == kKinds;
+}
+
+// Runs `requests` mixed requests, then waits out the time-out timers they left on the
+// queue (each due 5 s after its request), so that only what stays is measured.
+bool mixedRequests(ChargerClient& client, int requests) {
+  auto& queue = MainQueue::main();
+  const auto before = queue.pending();
+  for (int asked = 0; asked < requests; asked += 12) {
+    if (!askEveryKind(client)) return false;
+  }
+  client.runUntil([&] { return queue.pending() <= before; }, ClientOptions{}.requestTimeout + 1s);
+  return true;
+}
+
+void BM_ClientMemoryOverMixedRequests(benchmark::State& state) {
+  constexpr int kWarmUp = 2'000, kMeasured = 20'000;
+  ChargerClient& client = linkedClient();
+  if (!client.ready()) return state.SkipWithError("no link to the simulated post");
+  sim::VirtualPost& post = *sim::SimRadio::shared().posts().front();
+  // No car plugged in: starts are refused, so no session joins the post's history and its
+  // answer keeps its size.
+  post.model().unplug();
+  for (auto _ : state) {
+    if (!mixedRequests(client, kWarmUp)) return state.SkipWithError("a warm-up request failed");
+    const std::size_t heap = heapInUse(), records = postRecords(post);
+    if (!mixedRequests(client, kMeasured)) return state.SkipWithError("a request failed");
+    const auto perThousand = [](std::size_t after, std::size_t before) {
+      return (static_cast<double>(after) - static_cast<double>(before)) * 1000 / kMeasured;
+    };
+    const std::size_t recordsAfter = postRecords(post);
+    state.counters["sdk_B_per_1k"] = perThousand(heapInUse() - recordsAfter, heap - records);
+    state.counters["heap_B_per_1k"] = perThousand(heapInUse(), heap);
+    state.counters["post_records_B_per_1k"] = perThousand(recordsAfter, records);
+  }
+  state.counters["info_rows"] = static_cast<double>(client.manager().systemInfoModelList().size());
+  state.counters["peripherals"] = static_cast<double>(client.manager().allPeripheral().size());
+  state.counters["queue_tasks"] = static_cast<double>(MainQueue::main().pending());
+  state.SetLabel("heap growth per 1,000 mixed requests, after a warm-up of 2,000");
+}
+BENCHMARK(BM_ClientMemoryOverMixedRequests)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
 
 }  // namespace
