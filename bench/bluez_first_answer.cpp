@@ -46,11 +46,14 @@ const std::string kRead = kService + "/char0013";
 // ---- The stand-in's behaviour, as Python its mock methods run ----------------------------
 
 // A property set on `object` (a Python expression); dbusmock's Set signals PropertiesChanged.
-std::string set(const std::string& object, const char* interface, const char* property, const std::string& value) {
+std::string set(const std::string& object, const char* interface, const char* property,
+                const std::string& value) {
   return object + ".Set('" + interface + "', '" + property + "', " + value + ")\n";
 }
 
-std::string boolean(bool on) { return on ? "dbus.Boolean(True, variant_level=1)" : "dbus.Boolean(False, variant_level=1)"; }
+std::string boolean(bool on) {
+  return on ? "dbus.Boolean(True, variant_level=1)" : "dbus.Boolean(False, variant_level=1)";
+}
 
 std::string bytes(const Bytes& b, std::size_t from, std::size_t to) {
   std::string out = "dbus.Array([";
@@ -61,7 +64,10 @@ std::string bytes(const Bytes& b, std::size_t from, std::size_t to) {
 // The charger-state answer of a post, made by the simulated one from the request frame.
 Bytes stateAnswer() {
   sim::VirtualPost post;
-  return post.handleWrite(protocol::buildFrame(protocol::kCmdChargerState, 0, nullptr, post.checksumSeed())).at(0);
+  return post
+      .handleWrite(
+          protocol::buildFrame(protocol::kCmdChargerState, 0, nullptr, post.checksumSeed()))
+      .at(0);
 }
 
 // WriteValue: once the write is acknowledged, the read characteristic notifies the answer
@@ -72,8 +78,9 @@ std::string answerEveryWrite() {
   for (std::size_t at = 0; at < answer.size(); at += protocol::kFullNotification)
     pieces += bytes(answer, at, std::min(answer.size(), at + protocol::kFullNotification)) + ",";
   return "from gi.repository import GLib\n"
-         "GLib.idle_add(lambda read=objects['" + kRead + "'], pieces=[" + pieces + "]: [" +
-         "read.Set('" + kCharacteristicInterface + "', 'Value', piece) for piece in pieces] and False)\n";
+         "GLib.idle_add(lambda read=objects['" +
+         kRead + "'], pieces=[" + pieces + "]: [" + "read.Set('" + kCharacteristicInterface +
+         "', 'Value', piece) for piece in pieces] and False)\n";
 }
 
 // ---- Steering the stand-in --------------------------------------------------------------
@@ -83,7 +90,8 @@ struct Standin {
   std::string problem;
 
   // Calls the stand-in and waits for its answer; false (and `problem` set) on an error or none.
-  bool ask(const std::string& path, const std::string& interface, const std::string& method, BusList args) {
+  bool ask(const std::string& path, const std::string& interface, const std::string& method,
+           BusList args) {
     std::optional<BusReply> reply;
     bus->call(kBlueZ, path, interface, method, args, 5s, "", [&](const BusReply& r) { reply = r; });
     if (!MainQueue::main().runUntil([&] { return reply.has_value(); }, 6s)) {
@@ -94,18 +102,24 @@ struct Standin {
     return !reply->error;
   }
 
-  bool method(const std::string& path, const char* interface, const char* name, const char* in, const char* out,
-              const std::string& code) {
-    return ask(path, kMock, "AddMethod", {BusValue(interface), BusValue(name), BusValue(in), BusValue(out), BusValue(code)});
+  bool method(const std::string& path, const char* interface, const char* name, const char* in,
+              const char* out, const std::string& code) {
+    return ask(path, kMock, "AddMethod",
+               {BusValue(interface), BusValue(name), BusValue(in), BusValue(out), BusValue(code)});
   }
 
   // The post in range with its attributes cached, and bluetoothd's behaviour towards it.
   bool addPost() {
-    if (!ask("/", "org.bluez.Mock", "AddDevice", {BusValue("hci0"), BusValue("C0:FF:EE:00:00:42"), BusValue(kPostName)}))
+    if (!ask("/", "org.bluez.Mock", "AddDevice",
+             {BusValue("hci0"), BusValue("C0:FF:EE:00:00:42"), BusValue(kPostName)}))
       return false;
-    const auto uuid = [](const char* id) { return BusValue(ble::UUID::fromString(id).fullString()); };
-    const auto call = [](const char* name, const char* in, const char* out, const std::string& code) {
-      return BusValue("(ssss)", BusList{BusValue(name), BusValue(in), BusValue(out), BusValue(code)});
+    const auto uuid = [](const char* id) {
+      return BusValue(ble::UUID::fromString(id).fullString());
+    };
+    const auto call = [](const char* name, const char* in, const char* out,
+                         const std::string& code) {
+      return BusValue("(ssss)",
+                      BusList{BusValue(name), BusValue(in), BusValue(out), BusValue(code)});
     };
     struct Exported {
       std::string path;
@@ -114,28 +128,41 @@ struct Standin {
       BusList methods;
     };
     const std::vector<Exported> objects{
-        {kService, kServiceInterface,
-         {{"UUID", uuid("FFF0")}, {"Device", BusValue::path(kDevice)}, {"Primary", BusValue(true)}}, {}},
-        {kWrite, kCharacteristicInterface,
-         {{"UUID", uuid("FFF3")}, {"Service", BusValue::path(kService)},
+        {kService,
+         kServiceInterface,
+         {{"UUID", uuid("FFF0")}, {"Device", BusValue::path(kDevice)}, {"Primary", BusValue(true)}},
+         {}},
+        {kWrite,
+         kCharacteristicInterface,
+         {{"UUID", uuid("FFF3")},
+          {"Service", BusValue::path(kService)},
           {"Flags", BusValue(std::vector<std::string>{"write-without-response", "write"})}},
          {call("WriteValue", "aya{sv}", "", answerEveryWrite())}},
-        {kRead, kCharacteristicInterface,
-         {{"UUID", uuid("FFF4")}, {"Service", BusValue::path(kService)},
-          {"Flags", BusValue(std::vector<std::string>{"read", "notify"})}, {"Value", BusValue(Bytes{})},
+        {kRead,
+         kCharacteristicInterface,
+         {{"UUID", uuid("FFF4")},
+          {"Service", BusValue::path(kService)},
+          {"Flags", BusValue(std::vector<std::string>{"read", "notify"})},
+          {"Value", BusValue(Bytes{})},
           {"Notifying", BusValue(false)}},
-         {call("StartNotify", "", "", set("self", kCharacteristicInterface, "Notifying", boolean(true))),
-          call("StopNotify", "", "", set("self", kCharacteristicInterface, "Notifying", boolean(false))),
+         {call("StartNotify", "", "",
+               set("self", kCharacteristicInterface, "Notifying", boolean(true))),
+          call("StopNotify", "", "",
+               set("self", kCharacteristicInterface, "Notifying", boolean(false))),
           call("ReadValue", "a{sv}", "ay",
-               set("self", kCharacteristicInterface, "Value", bytes({}, 0, 0)) + "ret = dbus.Array([], signature='y')")}},
+               set("self", kCharacteristicInterface, "Value", bytes({}, 0, 0)) +
+                   "ret = dbus.Array([], signature='y')")}},
     };
     for (const auto& o : objects) {
       if (!ask("/", kMock, "AddObject",
-               {BusValue(o.path), BusValue(o.interface), BusValue(o.properties), BusValue("a(ssss)", o.methods)}) ||
+               {BusValue(o.path), BusValue(o.interface), BusValue(o.properties),
+                BusValue("a(ssss)", o.methods)}) ||
           !ask("/", kMock, "EmitSignal",
-               {BusValue("org.freedesktop.DBus.ObjectManager"), BusValue("InterfacesAdded"), BusValue("oa{sa{sv}}"),
+               {BusValue("org.freedesktop.DBus.ObjectManager"), BusValue("InterfacesAdded"),
+                BusValue("oa{sa{sv}}"),
                 BusValue("av", BusList{BusValue::path(o.path),
-                                        BusValue("a{sa{sv}}", BusDict{{o.interface, BusValue(o.properties)}})})}))
+                                       BusValue("a{sa{sv}}",
+                                                BusDict{{o.interface, BusValue(o.properties)}})})}))
         return false;
     }
     const std::string device = "objects['" + kDevice + "']";
@@ -158,7 +185,9 @@ struct Bench {
     // The SDK's log only when TQBLE_LOG asks for it.
     if (!std::getenv("TQBLE_LOG")) setLogSink([](std::string_view) {});
     if (!TQBleManager::useBackend("bluez")) {
-      standin.problem = "the manager runs on another backend already: run alone (--benchmark_filter=BluezFirstAnswer)";
+      standin.problem =
+          "the manager runs on another backend already: run alone "
+          "(--benchmark_filter=BluezFirstAnswer)";
       return;
     }
     try {
@@ -169,7 +198,8 @@ struct Bench {
     }
     // Only a stand-in answers its mock interface: a real adapter is never touched.
     if (!standin.ask("/", kMock, "GetCalls", {})) {
-      standin.problem = "no stand-in bluetoothd: run the benchmark through bench/bluez_standin.py (make bench)";
+      standin.problem =
+          "no stand-in bluetoothd: run the benchmark through bench/bluez_standin.py (make bench)";
       return;
     }
     if (!standin.addPost()) return;
@@ -187,7 +217,9 @@ struct Bench {
   std::shared_ptr<TQBleManagerDelegate> phases = std::make_shared<TQBleManagerDelegate>();
 };
 
-double msSince(Clock::time_point start) { return std::chrono::duration<double, std::milli>(Clock::now() - start).count(); }
+double msSince(Clock::time_point start) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
 
 void BM_BluezFirstAnswer(benchmark::State& state) {
   static Bench bench;
@@ -196,9 +228,14 @@ void BM_BluezFirstAnswer(benchmark::State& state) {
   for (auto _ : state) {
     const auto start = Clock::now();
     double heard = 0, linked = 0, ready = 0;
-    bench.phases->didDiscoverPeripheral = [&](TQBleManager&, const auto&, std::int64_t) { heard = msSince(start); };
-    bench.phases->didConnectPeripheral = [&](TQBleManager&, const auto&) { linked = msSince(start); };
-    const auto link = client.wait(client.connect(kPostName, [&](const auto&) { ready = msSince(start); }));
+    bench.phases->didDiscoverPeripheral = [&](TQBleManager&, const auto&, std::int64_t) {
+      heard = msSince(start);
+    };
+    bench.phases->didConnectPeripheral = [&](TQBleManager&, const auto&) {
+      linked = msSince(start);
+    };
+    const auto link =
+        client.wait(client.connect(kPostName, [&](const auto&) { ready = msSince(start); }));
     if (!link.ok()) return state.SkipWithError(("no link: " + link.error().message).c_str());
     const auto answer = client.wait(client.queryChargerState());
     const double answered = msSince(start);
@@ -218,7 +255,12 @@ BENCHMARK(BM_BluezFirstAnswer)
     ->Repetitions(10)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond)
-    ->ComputeStatistics("min", [](const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); })
-    ->ComputeStatistics("max", [](const std::vector<double>& v) { return *std::max_element(v.begin(), v.end()); });
+    ->ComputeStatistics("min",
+                        [](const std::vector<double>& v) {
+                          return *std::min_element(v.begin(), v.end());
+                        })
+    ->ComputeStatistics("max", [](const std::vector<double>& v) {
+      return *std::max_element(v.begin(), v.end());
+    });
 
 }  // namespace

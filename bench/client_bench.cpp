@@ -22,7 +22,8 @@ using namespace std::chrono_literals;
 ChargerClient& linkedClient() {
   static const auto client = [] {
     setLogSink([](std::string_view) {});
-    sim::SimRadio::shared().timing() = sim::Timing{0ns, 0ns, 0ns, 0ns, 0ns, 0ns, 0ns, 0ns, 0ns, 0ns};
+    sim::SimRadio::shared().timing() =
+        sim::Timing{0ns, 0ns, 0ns, 0ns, 0ns, 0ns, 0ns, 0ns, 0ns, 0ns};
     auto made = std::make_unique<ChargerClient>();
     bool linked = false;
     made->connect("", [&](const auto& link) { linked = link.ok(); });
@@ -120,7 +121,9 @@ void BM_ClientMemoryOverMixedRequests(benchmark::State& state) {
   // answer keeps its size.
   post.model().unplug();
   settle(client);  // the time-outs of the requests before this figure
-  const auto sdkHeap = [&post] { return static_cast<double>(heapInUse()) - static_cast<double>(postRecords(post)); };
+  const auto sdkHeap = [&post] {
+    return static_cast<double>(heapInUse()) - static_cast<double>(postRecords(post));
+  };
   for (auto _ : state) {
     if (!mixedRequests(client, kWarmUp)) return state.SkipWithError("a warm-up request failed");
     settle(client);
@@ -133,7 +136,8 @@ void BM_ClientMemoryOverMixedRequests(benchmark::State& state) {
     const auto perThousand = [](double growth) { return growth * 1000 / kMeasured; };
     state.counters["sdk_B_per_1k"] = perThousand(sdkHeap() - sdk);
     state.counters["heap_B_per_1k"] = perThousand(static_cast<double>(heapInUse()) - heap);
-    state.counters["post_records_B_per_1k"] = perThousand(static_cast<double>(postRecords(post)) - records);
+    state.counters["post_records_B_per_1k"] =
+        perThousand(static_cast<double>(postRecords(post)) - records);
   }
   state.counters["info_rows"] = static_cast<double>(client.manager().systemInfoModelList().size());
   state.counters["peripherals"] = static_cast<double>(client.manager().allPeripheral().size());
