@@ -53,11 +53,14 @@ demo: configure
 	@cmake --build $(BUILD) -j $(JOBS) --target tqble_cli
 	@$(BUILD)/cli/tqble demo
 
-# The BlueZ figures against python-dbusmock's stand-in bluetoothd on a private bus.
+# The BlueZ figures against python-dbusmock's stand-in bluetoothd on a private bus; the
+# first answer on the bluez backend in a process of its own (the others need the simulator).
 bench: setup
 	@$(RELEASE)
-	@cmake --build build-release -j $(JOBS) --target tqble_bench tqble_python
-	@bench/bluez_standin.py build-release/bench/tqble_bench
+	@cmake --build build-release -j $(JOBS) --target tqble_bench tqble_python tqble_cli
+	@bench/bluez_standin.py build-release/bench/tqble_bench --benchmark_filter=-BluezFirstAnswer
+	@bench/bluez_standin.py build-release/bench/tqble_bench --benchmark_filter=BluezFirstAnswer
+	@bench/cli_state_wall.sh build-release/cli/tqble
 	@TQBLE_LOG=off PYTHONPATH=build-release/python /usr/bin/python3 python/bench/state_request.py \
 	  build-release/bench/tqble_bench
 
