@@ -575,11 +575,25 @@ void ChargerClient::writeNext() {
   armRequestTimeout(queue_.front().timeout.value_or(options_.requestTimeout));
 }
 
+// One timer at a time watches the running request's deadline: a request answered before
+// it leaves the timer to the next request's deadline, so a quick succession of requests
+// does not pile up a timer each.
 void ChargerClient::armRequestTimeout(std::chrono::milliseconds timeout) {
-  after(timeout, [generation = generation_, deadline = ++deadline_](ChargerClient& c) {
-    if (!c.inFlight_ || c.generation_ != generation || c.deadline_ != deadline) return;
-    c.endRunning(error(ClientErrorKind::TimedOut, "no whole answer in time"));
-  });
+  deadline_ = MainQueue::main().now() + timeout;
+  if (!timerAt_ || *timerAt_ > deadline_) watchDeadline();
+}
+
+void ChargerClient::watchDeadline() {
+  const auto at = deadline_;
+  timerAt_ = at;
+  after(std::chrono::ceil<std::chrono::milliseconds>(at - MainQueue::main().now()),
+        [at](ChargerClient& c) {
+          if (c.timerAt_ != at) return;  // an earlier timer took over
+          c.timerAt_.reset();
+          if (!c.inFlight_) return;
+          if (MainQueue::main().now() < c.deadline_) return c.watchDeadline();
+          c.endRunning(error(ClientErrorKind::TimedOut, "no whole answer in time"));
+        });
 }
 
 // Ends the running request before its answer; what is left of the answer is dropped as it

@@ -337,6 +337,7 @@ class ChargerClient {
   void writeNext();
   void complete(const Bytes& frame, const ClientError* error);
   void armRequestTimeout(std::chrono::milliseconds timeout);
+  void watchDeadline();
   void endRunning(const ClientError& error);
   bool cancelRequest(std::uint64_t id);
   void retime(std::uint64_t id, std::chrono::milliseconds timeout);
@@ -380,7 +381,8 @@ class ChargerClient {
   std::deque<Request> queue_;  // the front one runs when inFlight_
   bool inFlight_ = false;
   std::uint64_t generation_ = 0;  // tells a stale request time-out from the current one
-  std::uint64_t deadline_ = 0;    // tells a replaced time-out from the current one
+  std::chrono::steady_clock::time_point deadline_{};               // the running request's
+  std::optional<std::chrono::steady_clock::time_point> timerAt_;  // the watching timer's
   std::uint64_t lastId_ = 0;
   std::deque<Owed> owed_;
   std::unique_ptr<protocol::FrameAssembler> frames_;
