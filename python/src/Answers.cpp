@@ -142,7 +142,7 @@ py::object toPython(const Diagnostics& d) {
 
 py::object toPython(const ClientError& error) {
   return py::module_::import("tqble.errors")
-      .attr("from_kind")(error.kind, error.code, error.message);
+      .attr("from_kind")(error.kind, error.code, error.message, error.stackError);
 }
 
 }  // namespace tqble::python

@@ -18,15 +18,7 @@ void call(const py::object& callable, Args&&... args) {
   }
 }
 
-// Reports one link event to the callable held in `link`, if it is still there.
-auto linkEvent(const std::shared_ptr<py::object>& link, const char* event) {
-  return [link = std::weak_ptr<py::object>(link), event](TQBleManager&, const auto&,
-                                                          const std::optional<TQError>& e) {
-    const auto callable = link.lock();
-    if (!callable || !*callable) return;
-    call(*callable, event, e ? py::object(py::str(e->domain)) : py::object(py::none()));
-  };
-}
+const char* const kLinkEvents[] = {"connecting", "ready", "lost", "reconnecting", "closed"};
 
 }  // namespace
 
@@ -38,14 +30,17 @@ Client::Client(const ClientOptions& options) {
   }
   client_ = std::make_unique<ChargerClient>(options);
   clientOpen = true;
+  client_->setLinkObserver([link = std::weak_ptr<py::object>(link_)](const LinkChange& c) {
+    const auto callable = link.lock();
+    if (!callable || !*callable) return;
+    call(*callable, kLinkEvents[static_cast<int>(c.event)],
+         c.reason ? toPython(*c.reason) : py::object(py::none()), c.attempt);
+  });
+  // The radio's own report that a link closed, for close() to wait on.
   delegate_ = std::make_shared<TQBleManagerDelegate>();
-  delegate_->didDisconnectPeripheral = linkEvent(link_, "disconnected");
-  delegate_->didFailToConnectPeripheral = linkEvent(link_, "failed");
-  delegate_->didConnectPeripheral = [link = std::weak_ptr<py::object>(link_)](TQBleManager&,
-                                                                               const auto&) {
-    if (const auto callable = link.lock(); callable && *callable) {
-      call(*callable, "connected", py::none());
-    }
+  delegate_->didDisconnectPeripheral = [released = std::weak_ptr<py::object>(released_)](
+                                           TQBleManager&, const auto&, const auto&) {
+    if (const auto callable = released.lock(); callable && *callable) call(*callable);
   };
   client_->setDelegate(delegate_);
 }
@@ -62,6 +57,7 @@ void Client::close() {
   waiting_->clear();
   *heard_ = py::object();
   *link_ = py::object();
+  *released_ = py::object();
   clientOpen = false;
 }
 
@@ -106,6 +102,10 @@ bool Client::linked() {
 
 void Client::onLink(py::function link) {
   *link_ = std::move(link);
+}
+
+void Client::onReleased(py::function released) {
+  *released_ = std::move(released);
 }
 
 bool Client::ready() const {

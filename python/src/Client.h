@@ -43,9 +43,11 @@ class Client {
   bool ready() const;
   /// Whether the manager holds a link (a disconnection is still to be reported).
   bool linked();
-  /// Calls link(event, reason) as the manager reports the link: "connected", "disconnected"
-  /// or "failed", with the stack's reason text or None.
+  /// Calls link(event, error, attempt) on every change of the link: "connecting", "ready",
+  /// "lost", "reconnecting" (attempt n) or "closed", with the tqble error that caused it or None.
   void onLink(py::function link);
+  /// Calls released() when the radio reports a link closed.
+  void onReleased(py::function released);
   std::string radioNote() const;
   /// Calls heard(tqble.answers.Heard) for every advertisement until stopScan().
   void scan(py::function heard);
@@ -80,6 +82,7 @@ class Client {
   std::shared_ptr<Waiting> waiting_ = std::make_shared<Waiting>();
   std::shared_ptr<py::object> heard_ = std::make_shared<py::object>();
   std::shared_ptr<py::object> link_ = std::make_shared<py::object>();
+  std::shared_ptr<py::object> released_ = std::make_shared<py::object>();
   std::shared_ptr<TQBleManagerDelegate> delegate_;
   std::uint64_t next_ = 0;
 };

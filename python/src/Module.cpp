@@ -59,6 +59,7 @@ void bindClient(py::module_& m) {
       .def_property_readonly("ready", &Client::ready)
       .def_property_readonly("linked", &Client::linked)
       .def("on_link", &Client::onLink, "link"_a)
+      .def("on_released", &Client::onReleased, "released"_a)
       .def_property_readonly("radio_note", &Client::radioNote)
       .def("scan", &Client::scan, "heard"_a)
       .def("stop_scan", &Client::stopScan)

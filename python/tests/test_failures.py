@@ -43,11 +43,13 @@ async def test_closing_ends_a_waiting_request_as_not_connected(sim_post):
 async def test_a_link_lost_mid_answer_fails_the_request_and_later_ones(sim_post):
     async with tqble.connect(sim_post.name) as post:
         events = []
-        post.on_link(lambda event, reason: events.append(event))
+        post.on_link(events.append)
         sim_post.faults.drop_link_after = 1  # of the state answer's two
         with pytest.raises(tqble.LinkLostError, match="went down"):
             await post.state()
-        assert not post.ready and events == ["disconnected"]
+        assert not post.ready
+        assert [(e.event, type(e.reason)) for e in events] == [
+            ("lost", tqble.LinkLostError), ("closed", tqble.LinkLostError)]
         with pytest.raises(tqble.NotConnectedError):
             await post.state()
 

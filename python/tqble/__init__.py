@@ -24,13 +24,13 @@ from ._core import backends, use_backend
 from .answers import (Acknowledgement, ChargeStage, ChargerState, ChargingMode,
                       ChargingSession, Diagnostics, ErrorLogEntry, Fault, FaultKind, GunState,
                       Heard, NetworkState, PostType, SystemInfo)
-from .client import Post, connect, discover, scan
+from .client import LinkChange, Post, connect, discover, scan
 from .errors import (ClientInUseError, ConnectFailedError, LinkLostError,
                      MalformedAnswerError, NotConnectedError, PostNotFoundError,
                      RequestCancelledError, RequestTimeoutError, TQBleError, WriteFailedError)
 
 __all__ = [
-    "connect", "scan", "discover", "Post", "use_backend", "backends", "sim", "blocking",
+    "connect", "scan", "discover", "Post", "LinkChange", "use_backend", "backends", "sim", "blocking",
     "Acknowledgement", "ChargerState", "ChargingSession", "Diagnostics", "ErrorLogEntry",
     "Fault", "Heard", "SystemInfo", "GunState", "FaultKind", "PostType", "ChargingMode",
     "ChargeStage", "NetworkState",

@@ -5,14 +5,24 @@ from __future__ import annotations
 
 import asyncio
 import datetime
-from typing import Any, AsyncIterator, Callable, Dict, Generator, List, Optional
+from typing import Any, AsyncIterator, Callable, Dict, Generator, List, NamedTuple, Optional
 
 from . import _core
 from ._driving import Driver, ask, seconds
 from .answers import (Acknowledgement, ChargerState, ChargingSession, Diagnostics,
                       ErrorLogEntry, Heard, SystemInfo)
+from .errors import TQBleError
 
-__all__ = ["Post", "connect", "scan", "discover"]
+__all__ = ["Post", "LinkChange", "connect", "scan", "discover"]
+
+class LinkChange(NamedTuple):
+    """A change of the link: ``event``, the error behind a "lost" or "closed" (else None)
+    and, for "reconnecting", the attempt's number."""
+
+    event: str
+    reason: Optional[TQBleError]
+    attempt: int
+
 
 # How long closing waits for the radio to report the link closed, in seconds.
 _CLOSE_TIMEOUT = 2.0
@@ -41,16 +51,18 @@ class Post:
         self._core = core
         self._driver = driver
         self._heard = heard
-        self._listeners: List[Callable[[str, Optional[str]], None]] = []
+        self._listeners: List[Callable[[LinkChange], None]] = []
         core.on_link(self._link_event)
 
-    def _link_event(self, event: str, reason: Optional[str]) -> None:
+    def _link_event(self, event: str, reason: Optional[TQBleError], attempt: int) -> None:
+        change = LinkChange(event, reason, attempt)
         for listener in list(self._listeners):
-            listener(event, reason)
+            listener(change)
 
-    def on_link(self, listener: Callable[[str, Optional[str]], None]) -> None:
-        """Calls listener(event, reason) as the radio reports the link: "connected" (a
-        reconnection), "disconnected" or "failed", with the stack's reason or None."""
+    def on_link(self, listener: Callable[[LinkChange], None]) -> None:
+        """Calls listener(LinkChange) on every change of the link: "connecting", "ready",
+        "lost" (with the error that took it), "reconnecting" (attempt n of the
+        reconnection policy) and "closed" (with the error, unless closed by close())."""
         self._listeners.append(listener)
 
     @property
@@ -131,7 +143,7 @@ class Post:
             return
         if self._core.linked:
             closed = asyncio.get_running_loop().create_future()
-            self.on_link(lambda event, reason: closed.done() or closed.set_result(event))
+            self._core.on_released(lambda: closed.done() or closed.set_result(None))
             self._core.disconnect()
             try:
                 await asyncio.wait_for(closed, _CLOSE_TIMEOUT)

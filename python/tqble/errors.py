@@ -13,13 +13,15 @@ __all__ = [
 
 class TQBleError(Exception):
     """A failed step of the client: ``kind`` (ErrorKind), ``code`` (the SDK's code of a
-    refused write, else 0) and the message."""
+    refused write, else 0), the message and ``stack_error``, the Bluetooth stack's own
+    name for its refusal ("org.bluez.Error.Failed"), else ""."""
 
     kind: ErrorKind
 
-    def __init__(self, message: str, code: int = 0) -> None:
+    def __init__(self, message: str, code: int = 0, stack_error: str = "") -> None:
         super().__init__(message)
         self.code = code
+        self.stack_error = stack_error
 
 
 class NotConnectedError(TQBleError):
@@ -74,6 +76,6 @@ class RequestCancelledError(TQBleError):
 _BY_KIND = {cls.kind: cls for cls in TQBleError.__subclasses__()}
 
 
-def from_kind(kind: ErrorKind, code: int, message: str) -> TQBleError:
+def from_kind(kind: ErrorKind, code: int, message: str, stack_error: str = "") -> TQBleError:
     """The exception for a failure of this kind (not raised)."""
-    return _BY_KIND[kind](message, code)
+    return _BY_KIND[kind](message, code, stack_error)
