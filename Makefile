@@ -53,11 +53,12 @@ demo: configure
 	@cmake --build $(BUILD) -j $(JOBS) --target tqble_cli
 	@$(BUILD)/cli/tqble demo
 
-# The BlueZ figures against python-dbusmock's stand-in bluetoothd on a private bus.
+# The benchmarks, with the BlueZ figures against python-dbusmock's stand-in bluetoothd on
+# a private bus, beside bleak's on the same stand-in (bench/bluez_figures.py).
 bench: setup
 	@$(RELEASE)
 	@cmake --build build-release -j $(JOBS) --target tqble_bench tqble_python
-	@bench/bluez_standin.py build-release/bench/tqble_bench
+	@bench/bluez_standin.py bench/bluez_figures.py build-release/bench/tqble_bench
 	@TQBLE_LOG=off PYTHONPATH=build-release/python /usr/bin/python3 python/bench/state_request.py \
 	  build-release/bench/tqble_bench
 

@@ -82,7 +82,7 @@ struct Linked {
     central = ble::backendNamed("bluez")(counter);
     q.runUntil([&] { return central->state() == ble::CentralManagerStatePoweredOn; }, 5s);
     central->scanForPeripheralsWithServices({}, {});
-    const auto added = ask("AddPost", {"C0:FF:EE:00:00:01", "TQ-AC7-0042"});
+    const auto added = ask("AddPost", {"TQ-AC7-0042"});
     if (!added || !q.runUntil([&] { return counter->heard != nullptr; }, 5s)) return;
     notifier = *added->front().as<std::string>();
     central->stopScan();

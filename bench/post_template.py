@@ -24,10 +24,11 @@ def _texts(*items):
     return dbus.Array(items, signature='s', variant_level=1)
 
 
-@dbus.service.method(MOCK, in_signature='ss', out_signature='o')
-def AddPost(self, address, name):
-    '''Adds the post at `address` on hci0, services resolved; returns its notifying characteristic.'''
-    device = self.AddDevice('hci0', address, name)
+@dbus.service.method(MOCK, in_signature='s', out_signature='o')
+def AddPost(self, name):
+    '''Adds a post on hci0 at an address of its own, services resolved; returns its notifying
+    characteristic.'''
+    device = self.AddDevice('hci0', f'C0:FF:EE:00:00:{len(mockobject.objects):02X}', name)
     service = device + '/service0010'
     notifier = service + '/char0013'
     under = lambda path: dbus.ObjectPath(path, variant_level=1)
