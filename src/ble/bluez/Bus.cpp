@@ -393,7 +393,7 @@ void Bus::Impl::drain() {
     Impl& impl;
     ~Rest() {
       auto& inbox = impl.inbox;
-      // A task threw: the others of this wake-up still run, in order, after it.
+      // A task threw: the others of this message still run, in order, after it.
       for (; impl.next < inbox.size(); ++impl.next) {
         auto& d = inbox[impl.next];
         if (d.task) {
