@@ -53,12 +53,13 @@ demo: configure
 	@cmake --build $(BUILD) -j $(JOBS) --target tqble_cli
 	@$(BUILD)/cli/tqble demo
 
-# The BlueZ figures against python-dbusmock's stand-in bluetoothd on a private bus; the
-# first answer on the bluez backend in a process of its own (the others need the simulator).
+# The benchmarks, with the BlueZ figures against python-dbusmock's stand-in bluetoothd on
+# a private bus, beside bleak's on the same stand-in (bench/bluez_figures.py); the first
+# answer on the bluez backend in a process of its own (the others need the simulator).
 bench: setup
 	@$(RELEASE)
 	@cmake --build build-release -j $(JOBS) --target tqble_bench tqble_python tqble_cli
-	@bench/bluez_standin.py build-release/bench/tqble_bench --benchmark_filter=-BluezFirstAnswer
+	@bench/bluez_standin.py bench/bluez_figures.py build-release/bench/tqble_bench
 	@bench/bluez_standin.py build-release/bench/tqble_bench --benchmark_filter=BluezFirstAnswer
 	@bench/cli_state_wall.sh build-release/cli/tqble
 	@TQBLE_LOG=off PYTHONPATH=build-release/python /usr/bin/python3 python/bench/state_request.py \

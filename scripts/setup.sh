@@ -11,7 +11,7 @@ packages=(
   make build-essential cmake pkg-config file
   libicu-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  libsdbus-c++-dev libsystemd-dev dbus python3-dbusmock libglib2.0-dev
+  libsdbus-c++-dev libsystemd-dev dbus python3-dbusmock python3-bleak libglib2.0-dev
   libmosquitto-dev libtomlplusplus-dev mosquitto mosquitto-clients
   clang libclang-rt-14-dev valgrind tshark
   python3-dev pybind11-dev python3-pybind11 python3-pytest python3-pytest-asyncio

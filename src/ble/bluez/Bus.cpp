@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <mutex>
+#include <span>
 #include <string_view>
 
 #include "tqble/platform/Log.h"
@@ -297,30 +298,48 @@ namespace {
 // The inbox of the connection being read on this thread, if any.
 thread_local std::vector<Delivery>* tInbox = nullptr;
 
-// Reads a PropertiesChanged that changes nothing but `Value` (ay) of `interface` straight
-// into `buffer`: one array read, no value tree. False (and nothing taken) for any other.
+// The byte array of a PropertiesChanged that changes nothing but `Value` (ay) of
+// `interface`, else nothing. sd-bus reads the interface (checking it); the rest of the body,
+// in the sender's byte order, is read in place, as the bus daemon checked it against the
+// signature before passing it on: every field is held to what it must be, and anything
+// else is left to the generic reader.
+std::optional<std::span<const std::uint8_t>> valueIn(sd_bus_message* raw, const std::string& interface) {
+  const char* signature = sd_bus_message_get_signature(raw, 1);
+  const char* text = nullptr;
+  if (!signature || std::strcmp(signature, "sa{sv}as") != 0) return std::nullopt;
+  if (sd_bus_message_read_basic(raw, 's', &text) <= 0) return std::nullopt;
+  const auto* body = reinterpret_cast<const std::uint8_t*>(text) - 4;  // a string's length precedes it
+  const auto word = [body](std::size_t at) {
+    std::uint32_t v = 0;
+    std::memcpy(&v, body + at, sizeof v);
+    return v;
+  };
+  const auto align = [](std::size_t at, std::size_t to) { return (at + to - 1) / to * to; };
+  static constexpr char kKey[] = "Value\0\2ay";  // the key's text, then the variant's signature
+  const std::size_t length = align(4 + interface.size() + 1, 4);  // of the a{sv}'s entries, in bytes
+  const std::size_t entry = align(length + 4, 8);
+  const std::size_t array = align(entry + 4 + sizeof kKey, 4);
+  // The length words read natively only in this machine's byte order.
+  if (interface == text && word(0) == interface.size() && word(entry) == 5 &&
+      std::memcmp(body + entry + 4, kKey, sizeof kKey) == 0 &&
+      word(length) == array + 4 + word(array) - entry) {  // one entry only
+    return std::span(body + array + 4, word(array));
+  }
+  sd_bus_message_rewind(raw, 1);  // for the generic reader
+  return std::nullopt;
+}
+
+// Takes a characteristic's new value straight into `buffer`: one array read, no value tree.
+// False (and nothing taken) for any other message.
 bool takeValue(sdbus::Message& m, const std::string& interface, const std::shared_ptr<ValueBuffer>& buffer) {
   sd_bus_message* raw = RawMessage::of(m);
-  const char* text = nullptr;
-  const void* data = nullptr;
-  std::size_t size = 0;
-  const bool value = sd_bus_message_read_basic(raw, 's', &text) > 0 && interface == text &&
-                     sd_bus_message_enter_container(raw, 'a', "{sv}") > 0 &&
-                     sd_bus_message_enter_container(raw, 'e', "sv") > 0 &&
-                     sd_bus_message_read_basic(raw, 's', &text) > 0 && std::strcmp(text, "Value") == 0 &&
-                     sd_bus_message_enter_container(raw, 'v', "ay") > 0 &&
-                     sd_bus_message_read_array(raw, 'y', &data, &size) >= 0 && sd_bus_message_exit_container(raw) >= 0 &&
-                     sd_bus_message_exit_container(raw) >= 0 && sd_bus_message_at_end(raw, 0) > 0;
-  if (!value || !tInbox) {
-    sd_bus_message_rewind(raw, 1);
-    return false;
-  }
+  const auto value = tInbox ? valueIn(raw, interface) : std::nullopt;
+  if (!value) return false;
   auto& b = *buffer;
   if (b.used == b.items.size()) b.items.emplace_back();
   auto& [path, bytes] = b.items[b.used++];
   path.assign(sd_bus_message_get_path(raw));
-  const auto* first = static_cast<const std::uint8_t*>(data);
-  bytes.assign(first, first + size);
+  bytes.assign(value->begin(), value->end());
   if (!tInbox->empty() && tInbox->back().key == &b) ++tInbox->back().count;
   else tInbox->push_back(Delivery{{}, buffer, &b, 1});
   return true;
@@ -347,22 +366,26 @@ void post(MainQueue::Task task) {
 using namespace wire;
 
 void Bus::Impl::dispatch() {
-  auto* outer = tInbox;
-  tInbox = &inbox;
-  try {
-    while (connection->processPendingRequest()) {
+  // What each message hands over runs before the next is read: the inbox and the value
+  // buffers keep their size however many messages one wake-up finds.
+  for (bool more = true; more;) {
+    auto* outer = tInbox;
+    tInbox = &inbox;
+    try {
+      more = !closed && connection->processPendingRequest();
+    } catch (const sdbus::Error& e) {
+      // The bus daemon went away (sd-bus has already failed the calls awaiting replies).
+      more = false;
+      lost = true;
+      closed = true;
+      MainQueue::main().unwatch(watcher);
+      for (const auto& weak : lossHandlers) {
+        if (auto handler = weak.lock()) post([weak] { if (auto h = weak.lock()) (*h)(); });
+      }
     }
-  } catch (const sdbus::Error& e) {
-    // The bus daemon went away (sd-bus has already failed the calls awaiting replies).
-    lost = true;
-    closed = true;
-    MainQueue::main().unwatch(watcher);
-    for (const auto& weak : lossHandlers) {
-      if (auto handler = weak.lock()) post([weak] { if (auto h = weak.lock()) (*h)(); });
-    }
+    tInbox = outer;
+    drain();
   }
-  tInbox = outer;
-  drain();
 }
 
 void Bus::Impl::drain() {
@@ -370,7 +393,7 @@ void Bus::Impl::drain() {
     Impl& impl;
     ~Rest() {
       auto& inbox = impl.inbox;
-      // A task threw: the others of this wake-up still run, in order, after it.
+      // A task threw: the others of this message still run, in order, after it.
       for (; impl.next < inbox.size(); ++impl.next) {
         auto& d = inbox[impl.next];
         if (d.task) {

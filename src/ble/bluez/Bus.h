@@ -2,7 +2,7 @@
 
 // The D-Bus plumbing of the BlueZ backends: connections read by the main queue itself
 // (it watches their sockets), whose messages are turned into plain values and handed to
-// the callbacks once everything one wake-up brought is read. This file
+// the callbacks as each is read, outside the D-Bus library's own dispatch. This file
 // has the values and the connection as a client of other services (calls, signal
 // subscriptions); BusObjects.h has what a server exports (methods, properties, an object
 // manager), e.g. an advertised GATT application or a stand-in bluetoothd. Nothing outside

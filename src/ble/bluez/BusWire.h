@@ -24,14 +24,14 @@ namespace tqble::bluez {
 namespace wire {
 
 /// The values one subscribeProperties() subscription read, kept with their storage from
-/// wake-up to wake-up: a steady stream of notifications allocates nothing.
+/// message to message: a steady stream of notifications allocates nothing.
 struct ValueBuffer {
   Bus::ValueHandler handler;
   std::deque<std::pair<std::string, Bytes>> items;  // slots [0, used) hold values not yet delivered
   std::size_t used = 0, next = 0;
 };
 
-/// One hand-over of a wake-up, in arrival order: a task, or the next `count` values of a buffer.
+/// One hand-over of a message, in arrival order: a task, or the next `count` values of a buffer.
 struct Delivery {
   MainQueue::Task task;
   std::weak_ptr<ValueBuffer> values;
@@ -49,8 +49,8 @@ void writeAll(sdbus::Message& m, const BusList& values, std::string_view sig);
 std::optional<BusValue> read(sdbus::Message& m, const std::string& sig);
 /// Reads the sequence of complete types `sig`. @throws BusFailure when the message differs.
 BusList readAll(sdbus::Message& m, std::string_view sig);
-/// Hands `task` to the main queue: after the other messages of this wake-up when called
-/// while a connection is read, else as a task of its own.
+/// Hands `task` over: run as soon as the message being read is read, when called while a
+/// connection is read, else queued on the main queue as a task of its own.
 void post(MainQueue::Task task);
 
 }  // namespace wire
@@ -61,7 +61,7 @@ struct Bus::Impl {
   std::atomic<bool> closed{false};
   bool lost = false;
   std::uint64_t watcher = 0;  // the main queue's watch of the connection
-  // What the messages of one wake-up hand over, run in order once they are all read.
+  // What the message being read hands over, run in order once it is read.
   std::vector<wire::Delivery> inbox;
   std::size_t next = 0;
   std::vector<std::weak_ptr<std::function<void()>>> lossHandlers;
