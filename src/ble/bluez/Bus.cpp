@@ -319,8 +319,10 @@ std::optional<std::span<const std::uint8_t>> valueIn(sd_bus_message* raw, const 
   const std::size_t length = align(4 + interface.size() + 1, 4);  // of the a{sv}'s entries, in bytes
   const std::size_t entry = align(length + 4, 8);
   const std::size_t array = align(entry + 4 + sizeof kKey, 4);
-  // The length words read natively only in this machine's byte order.
-  if (interface == text && word(0) == interface.size() && word(entry) == 5 &&
+  // The length words read natively only in this machine's byte order. The entries' length,
+  // which the daemon checked against the message's size, bounds every read after it.
+  if (interface == text && word(0) == interface.size() && word(length) >= array + 4 - entry &&
+      word(entry) == 5 &&
       std::memcmp(body + entry + 4, kKey, sizeof kKey) == 0 &&
       word(length) == array + 4 + word(array) - entry) {  // one entry only
     return std::span(body + array + 4, word(array));
