@@ -37,12 +37,11 @@ class FakeBluez {
   FakeBluez();
   ~FakeBluez();
 
-  /// Puts a post in range of `adapter`; its identifier must be an address ("C0:FF:EE:00:00:01").
+  /// Puts a post in range of `adapter`; its identifier must be an address ("C0:FF:EE:00:00:01"),
+  /// its name is sent as it is (maybe no valid text).
   std::shared_ptr<sim::VirtualPost> addPost(sim::PostSetup setup,
                                             const std::string& adapter = "hci0");
   BluezFaults& faults(const std::shared_ptr<sim::VirtualPost>& post);
-  /// The device object path of a post.
-  static std::string pathOf(const sim::PostSetup& setup, const std::string& adapter = "hci0");
 
   void addAdapter(const std::string& name, bool powered);
   void removeAdapter(const std::string& name);
@@ -55,6 +54,10 @@ class FakeBluez {
   /// Every post in range of a discovering `adapter` is heard now (as every 50 ms anyway):
   /// a new device object at the first advertisement, then an RSSI change at each.
   void advertise(const std::string& adapter = "hci0");
+  /// A link of an earlier client to `post` that bluetoothd closes only after `delay`
+  /// (Connected stays true, notifications are refused until then). Barrier does not await it.
+  void leaveDyingLink(const std::shared_ptr<sim::VirtualPost>& post,
+                      std::chrono::milliseconds delay);
 
   /// Method calls received, e.g. "StartDiscovery hci0", "WriteValue FFF3 command 68B5...".
   const std::vector<std::string>& calls() const { return calls_; }
@@ -66,23 +69,13 @@ class FakeBluez {
   struct Device;
   struct Adapter;
 
-  /// bluetoothd comes back on a bus started again at the same address: every object anew.
-  void restart();
-  /// A link of an earlier client to `post` that bluetoothd closes only after `delay`
-  /// (Connected stays true, notifications are refused until then).
-  void leaveDyingLink(const std::shared_ptr<sim::VirtualPost>& post, std::chrono::milliseconds delay);
-  /// A device heard before, kept by bluetoothd, whose name is `name` as it is (maybe no valid text).
-  void addNeighbour(const std::string& address, const Bytes& name);
-
  private:
-  void own();
   void later(std::chrono::milliseconds delay, std::function<void()> task);
   void answerBarriers();
-  void tick(const std::string& adapter, std::uint64_t session);
+  void tick(const std::string& adapter);
   void exportDevice(Device& d);
   void connectNow(Device& d);
-  void exportGatt(Device& d, bool charger);
-  void notify(Device& d, const Bytes& value);
+  void exportGatt(Device& d);
   void disconnect(Device& d);
   void removeDevice(Device& d);
   Device& deviceOf(const std::shared_ptr<sim::VirtualPost>& post) const;
@@ -95,7 +88,6 @@ class FakeBluez {
   std::vector<bluez::BusCall> barriers_;
   int busy_ = 0;  // delayed steps still to run
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
-  std::vector<std::unique_ptr<bluez::BusObject>> neighbours_;
 };
 
 }  // namespace tqble::test

@@ -18,44 +18,32 @@ namespace tqble::test {
 
 namespace detail {
 
-// The running daemon, kept so that it can be killed and started again at its address.
-struct PrivateDaemon {
-  std::string config, socket;
-  pid_t pid = -1;
-};
+// The running daemon's folder (its configuration and socket) and process.
+inline std::string busFolder;
+inline pid_t busPid = -1;
 
-inline PrivateDaemon& privateDaemon() {
-  static PrivateDaemon daemon;
-  return daemon;
-}
-
-// Starts dbus-daemon on privateDaemon().config and waits until it listens.
+// Starts dbus-daemon on the folder's configuration and waits until it listens.
 inline void startPrivateDaemon() {
-  auto& daemon = privateDaemon();
   int fds[2];
   if (pipe(fds) != 0) throw std::runtime_error("pipe failed");
-  const pid_t child = fork();
-  if (child < 0) throw std::runtime_error("fork failed");
-  if (child == 0) {
+  busPid = fork();
+  if (busPid < 0) throw std::runtime_error("fork failed");
+  if (busPid == 0) {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     close(fds[0]);
     freopen("/dev/null", "w", stderr);  // its notes about fd limits are not ours
-    const std::string config = "--config-file=" + daemon.config;
+    const std::string config = "--config-file=" + busFolder + "/bus.conf";
     const std::string fd = "--print-address=" + std::to_string(fds[1]);
     execlp("dbus-daemon", "dbus-daemon", config.c_str(), "--nofork", "--nopidfile", fd.c_str(),
            static_cast<char*>(nullptr));
     _exit(127);
   }
   close(fds[1]);
-  daemon.pid = child;
-  std::string text;
-  char buffer[256];
-  ssize_t n;
-  while (text.find('\n') == std::string::npos && (n = read(fds[0], buffer, sizeof buffer)) > 0) {
-    text.append(buffer, static_cast<std::size_t>(n));
-  }
-  close(fds[0]);
-  if (text.find('\n') == std::string::npos) throw std::runtime_error("dbus-daemon did not start");
+  FILE* printed = fdopen(fds[0], "r");
+  char address[256];
+  const bool listening = fgets(address, sizeof address, printed) != nullptr;
+  fclose(printed);
+  if (!listening) throw std::runtime_error("dbus-daemon did not start");
 }
 
 }  // namespace detail
@@ -69,20 +57,16 @@ inline const std::string& usePrivateSystemBus(const std::string& extraPolicy = "
   static const std::string address = [&extraPolicy] {
     char dir[] = "/tmp/tqble-bus-XXXXXX";
     if (!mkdtemp(dir)) throw std::runtime_error("mkdtemp failed");
-    auto& daemon = detail::privateDaemon();
-    daemon.config = std::string(dir) + "/bus.conf";
-    daemon.socket = std::string(dir) + "/socket";
-    FILE* f = std::fopen(daemon.config.c_str(), "w");
-    if (!f) throw std::runtime_error("cannot write " + daemon.config);
-    std::fprintf(f,
-                 "<busconfig><type>session</type><listen>unix:path=%s</listen><auth>EXTERNAL</auth>"
-                 "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
-                 "<allow eavesdrop=\"true\"/><allow own=\"*\"/>%s</policy></busconfig>\n",
-                 daemon.socket.c_str(), extraPolicy.c_str());
-    std::fclose(f);
+    detail::busFolder = dir;
+    std::ofstream(detail::busFolder + "/bus.conf")
+        << "<busconfig><type>session</type><listen>unix:path=" << dir
+        << "/socket</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow "
+           "send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow "
+           "own=\"*\"/>"
+        << extraPolicy << "</policy></busconfig>\n";
     detail::startPrivateDaemon();
     // Without the daemon's guid: a restarted daemon has a new one.
-    const std::string text = "unix:path=" + daemon.socket;
+    const std::string text = "unix:path=" + detail::busFolder + "/socket";
     setenv("DBUS_SYSTEM_BUS_ADDRESS", text.c_str(), 1);
     return text;
   }();
@@ -92,12 +76,11 @@ inline const std::string& usePrivateSystemBus(const std::string& extraPolicy = "
 /// Kills the daemon (every connection breaks at once); with `again`, starts a new one at
 /// the same address.
 inline void restartPrivateSystemBus(bool again = true) {
-  auto& daemon = detail::privateDaemon();
-  if (daemon.pid > 0) {
-    kill(daemon.pid, SIGKILL);
-    waitpid(daemon.pid, nullptr, 0);
-    daemon.pid = -1;
-    unlink(daemon.socket.c_str());
+  if (detail::busPid > 0) {
+    kill(detail::busPid, SIGKILL);
+    waitpid(detail::busPid, nullptr, 0);
+    detail::busPid = -1;
+    unlink((detail::busFolder + "/socket").c_str());
   }
   if (again) detail::startPrivateDaemon();
 }
