@@ -51,7 +51,8 @@ TEST(BluezState, APolicyThatKeepsUsFromBluetoothdIsUnauthorized) {
 }
 
 // bluetoothd merges the filters of its clients and shows every client the devices of every
-// adapter: another client scans on hci1 for everything.
+// adapter: another client scans on hci1 for everything. A scan stopped and started again at
+// once (while bluetoothd still ends the session) still hears.
 TEST_F(BluezSession, ScansReportEachAdvertisementOfTheirAdapterAndServicesUntilStopScan) {
   fake->addAdapter("hci1", true);
   sim::PostSetup setup;
@@ -69,8 +70,10 @@ TEST_F(BluezSession, ScansReportEachAdvertisementOfTheirAdapterAndServicesUntilS
       runUntil([&] { return called("StartDiscovery hci0") && called("StartDiscovery hci1"); }));
   barrier();
   EXPECT_TRUE(recorder->events.empty()) << "bluetoothd merges filters: ours is applied again";
+  central->stopScan();
   central->scanForPeripheralsWithServices({UUID::fromString("FFF0")}, {});
-  ASSERT_TRUE(runUntil([&] { return recorder->events.size() >= 6; }));
+  ASSERT_TRUE(runUntil([&] { return recorder->events.size() >= 6; }))
+      << testing::PrintToString(fake->calls());
   central->stopScan();
   const auto reports = recorder->events.size();
   fake->advertise();  // before bluetoothd hears of the stop
@@ -89,6 +92,7 @@ TEST_F(BluezSession, ScansReportEachAdvertisementOfTheirAdapterAndServicesUntilS
 TEST_F(BluezSession, RefusedCancelledExpiredAndSilentConnectionsReachTheDelegateOnce) {
   const std::string failed =
       "fail C0:FF:EE:00:00:01 error 10 The connection to the charging post failed. (";
+  const std::string forgotten = "the post is no longer known: scan for it again)";
   const bluez::BusError abort{"org.bluez.Error.Failed", "le-connection-abort-by-local"};
   const struct {
     const char* name;
@@ -98,12 +102,7 @@ TEST_F(BluezSession, RefusedCancelledExpiredAndSilentConnectionsReachTheDelegate
   } cases[] = {
       {"refused", abort, false, false, false, failed + abort.message + ")"},
       {"cancelled while connecting", {}, true, false, false, "disconnect C0:FF:EE:00:00:01"},
-      {"expired device",
-       {},
-       false,
-       true,
-       false,
-       failed + "the post is no longer known: scan for it again)"},
+      {"expired device", {}, false, true, false, failed + forgotten},
       {"connected without a Connected signal", {}, false, false, true, "connect C0:FF:EE:00:00:01"},
   };
   makeCentral();

@@ -117,7 +117,6 @@ class BluezSession : public ::testing::Test {
   }
   bool heard(const std::string& line) const { return has(recorder->events, line); }
   bool called(const std::string& line) const { return has(fake->calls(), line); }
-  const std::shared_ptr<ble::Peripheral>& peripheral() const { return recorder->last; }
 
   /// Scans until the post is heard, stops, and returns its peripheral.
   std::shared_ptr<ble::Peripheral> find() {

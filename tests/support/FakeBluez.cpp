@@ -41,7 +41,7 @@ std::string pathOf(const std::string& address, const std::string& adapter) {
 struct FakeBluez::Adapter {
   std::string name;
   std::unique_ptr<bluez::BusObject> object;
-  bool powered = true;
+  bool powered;
   std::set<std::string> discoverers;
 };
 
@@ -74,13 +74,12 @@ FakeBluez::~FakeBluez() = default;
 
 void FakeBluez::later(std::chrono::milliseconds delay, std::function<void()> task) {
   ++busy_;
-  MainQueue::main().asyncAfter(delay,
-                               [this, alive = std::weak_ptr<bool>(alive_), task = std::move(task)] {
-                                 if (!alive.lock()) return;
-                                 --busy_;
-                                 task();
-                                 answerBarriers();
-                               });
+  MainQueue::main().asyncAfter(delay, [this, alive = std::weak_ptr<bool>(alive_), task] {
+    if (!alive.lock()) return;
+    --busy_;
+    task();
+    answerBarriers();
+  });
 }
 
 void FakeBluez::answerBarriers() {
@@ -131,8 +130,11 @@ void FakeBluez::addAdapter(const std::string& name, bool powered) {
   o.emitAdded();
 }
 
+// With its devices, the links ended.
 void FakeBluez::removeAdapter(const std::string& name) {
-  setPowered(false, name);
+  for (auto& d : devices_) {
+    if (d->adapter == name) removeDevice(*d);
+  }
   adapters_.at(name)->object->emitRemoved();
   adapters_.erase(name);
 }
@@ -340,21 +342,6 @@ void FakeBluez::removeDevice(Device& d) {
 
 void FakeBluez::expire(const std::shared_ptr<sim::VirtualPost>& post) {
   removeDevice(deviceOf(post));
-}
-
-void FakeBluez::setPowered(bool on, const std::string& adapter) {
-  Adapter& a = *adapters_.at(adapter);
-  a.powered = on;
-  // The controller's links end before bluetoothd reports the power change.
-  for (auto& d : devices_) {
-    if (!on && d->adapter == adapter && d->object) disconnect(*d);
-  }
-  a.object->set(kAdapterI, "Powered", BusValue(on));
-  if (on) return;
-  a.discoverers.clear();
-  for (auto& d : devices_) {
-    if (d->adapter == adapter) removeDevice(*d);  // temporary devices go with the power
-  }
 }
 
 void FakeBluez::leaveDyingLink(const std::shared_ptr<sim::VirtualPost>& post,

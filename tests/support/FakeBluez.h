@@ -45,8 +45,6 @@ class FakeBluez {
 
   void addAdapter(const std::string& name, bool powered);
   void removeAdapter(const std::string& name);
-  /// Power-off: links dropped, Powered=false, temporary devices removed.
-  void setPowered(bool on, const std::string& adapter = "hci0");
   /// The link to `post` is lost (Connected=false, no reason given).
   void dropLink(const std::shared_ptr<sim::VirtualPost>& post);
   /// Forgets a post's device object while idle, as bluetoothd does 30 s after a scan.
