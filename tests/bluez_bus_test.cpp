@@ -93,16 +93,15 @@ TEST_F(BusTest, CallsLeftForClosingAreSentWhenTheBusCloses) {
   client->callOnClose("a", kService, "/echo", kIface, "Refuse");
   client->callOnClose("b", kService, "/echo", kIface, "Refuse");
   client->cancelOnClose("b");
-  std::vector<BusSignal> owners;
-  auto subscription = server->subscribe("type='signal',member='NameOwnerChanged'", "sss",
-                                        [&](const BusSignal& s) { owners.push_back(s); });
-  const auto name = client->uniqueName();
+  bool gone = false;
+  auto subscription = server->subscribe(
+      "type='signal',member='NameOwnerChanged',arg0='" + client->uniqueName() + "'", "sss",
+      [&](const BusSignal&) { gone = true; });
   client->close();
   client->close();
   // The calls reach the server before the name's end does.
-  ASSERT_TRUE(MainQueue::main().runUntil([&] { return !owners.empty(); }, 2s));
+  ASSERT_TRUE(MainQueue::main().runUntil([&] { return gone; }, 2s));
   EXPECT_EQ(refusals, 1);
-  EXPECT_EQ(owners[0].args.at(0), BusValue(name));
 }
 
 }  // namespace

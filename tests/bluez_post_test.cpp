@@ -14,6 +14,7 @@ namespace {
 
 using namespace std::chrono_literals;
 constexpr char kChrc[] = "org.bluez.GattCharacteristic1";
+constexpr char kWrite[] = "/tqble/post/service0/char0";
 constexpr char kRead[] = "/tqble/post/service0/char1";
 constexpr char kDevice[] = "/org/bluez/hci0/dev_00_AA_01_01_00_01";
 
@@ -55,34 +56,6 @@ class PostServerTest : public ::testing::Test {
     return reply.value_or(BusReply{BusError{"no answer", ""}, {}});
   }
 
-  std::shared_ptr<PostServer> start(const sim::Faults& faults) {
-    auto server = PostServer::make(Bus::openSystem(), PostOptions{}, PostEvents{});
-    server->post().faults() = faults;
-    std::optional<std::optional<std::string>> outcome;
-    server->start([&](std::optional<std::string> error) { outcome = error; });
-    EXPECT_TRUE(MainQueue::main().runUntil([&] { return outcome.has_value(); }, 2s));
-    EXPECT_EQ(outcome.value_or("no answer"), std::nullopt);
-    return server;
-  }
-
-  // As bluetoothd for a connected central: notifications on, one write, every piece notified
-  // (the post has nothing left to send, and a call answered after its last piece came back).
-  std::vector<Bytes> exchange(const Bytes& request) {
-    std::vector<Bytes> pieces;
-    auto values = daemon->subscribe(
-        "type='signal',member='PropertiesChanged',path='" + std::string(kRead) + "'", "sa{sv}as",
-        [&](const BusSignal& s) {
-          if (const BusValue* v = s.args[1].at("Value")) pieces.push_back(*v->as<Bytes>());
-        });
-    ask(kRead, kChrc, "StartNotify", {});
-    EXPECT_FALSE(ask("/tqble/post/service0/char0", kChrc, "WriteValue",
-                     {BusValue(request), BusValue(BusDict{{"device", BusValue::path(kDevice)}})})
-                     .error);
-    EXPECT_TRUE(MainQueue::main().runUntil([] { return MainQueue::main().pending() == 0; }, 2s));
-    ask(kRead, "org.freedesktop.DBus.Properties", "Get", {BusValue(kChrc), BusValue("UUID")}, "v");
-    return pieces;
-  }
-
   std::shared_ptr<Bus> daemon;
   std::unique_ptr<BusObject> adapter, device;
   std::vector<std::string> calls;
@@ -93,14 +66,29 @@ class PostServerTest : public ::testing::Test {
 // ended by asking bluetoothd to disconnect, and nothing more is sent. A read gets the last
 // piece while the link lasts, and a new link's first read the initial value.
 TEST_F(PostServerTest, NotifiesWhatItsFaultsLeaveAndANewLinkReadsTheInitialValue) {
-  sim::Faults faults;
-  faults.lostNotifications = {1};
-  faults.dropLinkAfterNotifications = 3;
-  auto server = start(faults);
-  const auto pieces = exchange({0x68, 0xB1, 0x00, 0x00, 0x01, 0x00, 0x00, 0xD8, 0x00});
+  auto server = PostServer::make(Bus::openSystem(), PostOptions{}, PostEvents{});
+  server->post().faults().lostNotifications = {1};
+  server->post().faults().dropLinkAfterNotifications = 3;
+  server->start([](const std::optional<std::string>&) {});
+  ASSERT_TRUE(MainQueue::main().runUntil([&] { return calls.size() == 2; }, 2s));  // registered
+  // As bluetoothd for a connected central: notifications on, one write, every piece notified
+  // (the post has nothing left to send, and a call answered after its last piece came back).
+  std::vector<Bytes> pieces;
+  auto values = daemon->subscribe(
+      "type='signal',member='PropertiesChanged',path='" + std::string(kRead) + "'", "sa{sv}as",
+      [&](const BusSignal& s) {
+        if (const BusValue* v = s.args[1].at("Value")) pieces.push_back(*v->as<Bytes>());
+      });
+  ask(kRead, kChrc, "StartNotify", {});
+  const Bytes systemInformation{0x68, 0xB1, 0x00, 0x00, 0x01, 0x00, 0x00, 0xD8, 0x00};
+  const BusDict from{{"device", BusValue::path(kDevice)}};
+  EXPECT_FALSE(
+      ask(kWrite, kChrc, "WriteValue", {BusValue(systemInformation), BusValue(from)}).error);
+  ASSERT_TRUE(MainQueue::main().runUntil([] { return MainQueue::main().pending() == 0; }, 2s));
+  ask(kRead, "org.freedesktop.DBus.Properties", "Get", {BusValue(kChrc), BusValue("UUID")}, "v");
   const Bytes& answer = server->post().sentAnswers().at(0);  // the system information: 67 bytes
   ASSERT_GE(answer.size(), 61u);
-  EXPECT_EQ(pieces, (std::vector<Bytes>{Bytes(answer.begin(), answer.begin() + 20),
+  ASSERT_EQ(pieces, (std::vector<Bytes>{Bytes(answer.begin(), answer.begin() + 20),
                                         Bytes(answer.begin() + 40, answer.begin() + 60)}));
   EXPECT_EQ(calls.back(), "Disconnect");
   auto read = [&] {

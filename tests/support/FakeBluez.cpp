@@ -30,18 +30,10 @@ void fail(const BusCall& call, const std::string& name, const std::string& messa
   call.fail("org.bluez.Error." + name, message);
 }
 
-std::string pathOf(const std::string& address, const std::string& adapter) {
-  std::string path = "/org/bluez/" + adapter + "/dev_" + address;
-  std::replace(path.begin(), path.end(), ':', '_');
-  return path;
-}
-
 }  // namespace
 
 struct FakeBluez::Adapter {
-  std::string name;
   std::unique_ptr<bluez::BusObject> object;
-  bool powered;
   std::set<std::string> discoverers;
 };
 
@@ -90,38 +82,28 @@ void FakeBluez::answerBarriers() {
 
 void FakeBluez::addAdapter(const std::string& name, bool powered) {
   auto& a = *(adapters_[name] = std::make_unique<Adapter>());
-  a.name = name;
-  a.powered = powered;
   a.object = bus_->exportObject("/org/bluez/" + name);
   auto& o = *a.object;
   o.addProperty(kAdapterI, "Powered", BusValue(powered), true);
-  o.addMethod(kAdapterI, "SetDiscoveryFilter", "a{sv}", "", [this, &a](const BusCall& call) {
-    std::string text = "SetDiscoveryFilter " + a.name;
-    for (const auto& [key, v] : *call.args().at(0).as<BusDict>()) {
-      const auto* uuids = v.as<std::vector<std::string>>();
-      text += " " + key + "=" +
-              (uuids          ? uuids->at(0)
-               : v.as<bool>() ? (*v.as<bool>() ? "true" : "false")
-                              : *v.as<std::string>());
-    }
-    calls_.push_back(text);
+  o.addMethod(kAdapterI, "SetDiscoveryFilter", "a{sv}", "", [this, name](const BusCall& call) {
+    filters[name] = *call.args().at(0).as<BusDict>();
     call.reply();
   });
-  o.addMethod(kAdapterI, "StartDiscovery", "", "", [this, &a](const BusCall& call) {
-    calls_.push_back("StartDiscovery " + a.name);
-    if (!a.powered) return fail(call, "NotReady", "Resource Not Ready");
+  o.addMethod(kAdapterI, "StartDiscovery", "", "", [this, &a, name, powered](const BusCall& call) {
+    calls_.push_back("StartDiscovery " + name);
+    if (!powered) return fail(call, "NotReady", "Resource Not Ready");
     if (!a.discoverers.insert(call.sender()).second)
       return fail(call, "InProgress", "Operation already in progress");
     call.reply();
-    if (a.discoverers.size() == 1) tick(a.name);
+    if (a.discoverers.size() == 1) tick(name);
   });
-  o.addMethod(kAdapterI, "StopDiscovery", "", "", [this, &a](const BusCall& call) {
-    calls_.push_back("StopDiscovery " + a.name);
+  o.addMethod(kAdapterI, "StopDiscovery", "", "", [this, &a, name](const BusCall& call) {
+    calls_.push_back("StopDiscovery " + name);
     if (!a.discoverers.contains(call.sender())) return fail(call, "Failed", "No discovery started");
     // The controller is told first: until it answers, the session is still there (a new
     // StartDiscovery gets InProgress) and the reply waits. By name: the adapter may be
     // removed meanwhile.
-    later(5ms, [this, name = a.name, call] {
+    later(5ms, [this, name, call] {
       const auto it = adapters_.find(name);
       if (it != adapters_.end() && it->second->discoverers.erase(call.sender())) call.reply();
     });
@@ -143,7 +125,8 @@ std::shared_ptr<sim::VirtualPost> FakeBluez::addPost(sim::PostSetup setup,
                                                      const std::string& adapter) {
   auto& d = *devices_.emplace_back(std::make_unique<Device>());
   d.adapter = adapter;
-  d.path = pathOf(setup.identifier, adapter);
+  d.path = "/org/bluez/" + adapter + "/dev_" + setup.identifier;
+  std::replace(d.path.begin(), d.path.end(), ':', '_');
   d.post = std::make_shared<sim::VirtualPost>(std::move(setup));
   return d.post;
 }

@@ -37,8 +37,8 @@ class FakeBluez {
   FakeBluez();
   ~FakeBluez();
 
-  /// Puts a post in range of `adapter`; its identifier must be an address ("C0:FF:EE:00:00:01"),
-  /// its name is sent as it is (maybe no valid text).
+  /// Puts a post in range of `adapter`; its identifier must be an address
+  /// ("C0:FF:EE:00:00:01"), its name is sent as it is (maybe no valid text).
   std::shared_ptr<sim::VirtualPost> addPost(sim::PostSetup setup,
                                             const std::string& adapter = "hci0");
   BluezFaults& faults(const std::shared_ptr<sim::VirtualPost>& post);
@@ -59,15 +59,16 @@ class FakeBluez {
 
   /// Method calls received, e.g. "StartDiscovery hci0", "WriteValue FFF3 command 68B5...".
   const std::vector<std::string>& calls() const { return calls_; }
+  /// The discovery filter set last, by adapter.
+  std::map<std::string, bluez::BusDict> filters;
   /// Whether a link to `post` is up.
   bool connected(const std::shared_ptr<sim::VirtualPost>& post) const;
   /// Number of notify sessions on FFF4 of `post`.
   std::size_t notifySessions(const std::shared_ptr<sim::VirtualPost>& post) const;
 
+ private:
   struct Device;
   struct Adapter;
-
- private:
   void later(std::chrono::milliseconds delay, std::function<void()> task);
   void answerBarriers();
   void tick(const std::string& adapter);

@@ -16,23 +16,20 @@
 
 namespace tqble::test {
 
-namespace detail {
-
 // The running daemon's folder (its configuration and socket) and process.
-inline std::string busFolder;
-inline pid_t busPid = -1;
+inline std::string privateBusFolder;
+inline pid_t privateBusPid = -1;
 
 // Starts dbus-daemon on the folder's configuration and waits until it listens.
-inline void startPrivateDaemon() {
+inline void startPrivateBusDaemon() {
   int fds[2];
   if (pipe(fds) != 0) throw std::runtime_error("pipe failed");
-  busPid = fork();
-  if (busPid < 0) throw std::runtime_error("fork failed");
-  if (busPid == 0) {
+  privateBusPid = fork();
+  if (privateBusPid == 0) {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     close(fds[0]);
     freopen("/dev/null", "w", stderr);  // its notes about fd limits are not ours
-    const std::string config = "--config-file=" + busFolder + "/bus.conf";
+    const std::string config = "--config-file=" + privateBusFolder + "/bus.conf";
     const std::string fd = "--print-address=" + std::to_string(fds[1]);
     execlp("dbus-daemon", "dbus-daemon", config.c_str(), "--nofork", "--nopidfile", fd.c_str(),
            static_cast<char*>(nullptr));
@@ -46,8 +43,6 @@ inline void startPrivateDaemon() {
   if (!listening) throw std::runtime_error("dbus-daemon did not start");
 }
 
-}  // namespace detail
-
 /// Starts the daemon once and points DBUS_SYSTEM_BUS_ADDRESS at it. Call before any
 /// thread starts (the bus library reads the variable). `extraPolicy` (XML rules) is added
 /// to the default policy of a session bus. It listens on a fixed socket path, so that
@@ -57,16 +52,16 @@ inline const std::string& usePrivateSystemBus(const std::string& extraPolicy = "
   static const std::string address = [&extraPolicy] {
     char dir[] = "/tmp/tqble-bus-XXXXXX";
     if (!mkdtemp(dir)) throw std::runtime_error("mkdtemp failed");
-    detail::busFolder = dir;
-    std::ofstream(detail::busFolder + "/bus.conf")
+    privateBusFolder = dir;
+    std::ofstream(privateBusFolder + "/bus.conf")
         << "<busconfig><type>session</type><listen>unix:path=" << dir
         << "/socket</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow "
            "send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow "
            "own=\"*\"/>"
         << extraPolicy << "</policy></busconfig>\n";
-    detail::startPrivateDaemon();
+    startPrivateBusDaemon();
     // Without the daemon's guid: a restarted daemon has a new one.
-    const std::string text = "unix:path=" + detail::busFolder + "/socket";
+    const std::string text = "unix:path=" + privateBusFolder + "/socket";
     setenv("DBUS_SYSTEM_BUS_ADDRESS", text.c_str(), 1);
     return text;
   }();
@@ -76,13 +71,13 @@ inline const std::string& usePrivateSystemBus(const std::string& extraPolicy = "
 /// Kills the daemon (every connection breaks at once); with `again`, starts a new one at
 /// the same address.
 inline void restartPrivateSystemBus(bool again = true) {
-  if (detail::busPid > 0) {
-    kill(detail::busPid, SIGKILL);
-    waitpid(detail::busPid, nullptr, 0);
-    detail::busPid = -1;
-    unlink((detail::busFolder + "/socket").c_str());
+  if (privateBusPid > 0) {
+    kill(privateBusPid, SIGKILL);
+    waitpid(privateBusPid, nullptr, 0);
+    privateBusPid = -1;
+    unlink((privateBusFolder + "/socket").c_str());
   }
-  if (again) detail::startPrivateDaemon();
+  if (again) startPrivateBusDaemon();
 }
 
 }  // namespace tqble::test
