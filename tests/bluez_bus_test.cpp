@@ -76,7 +76,7 @@ TEST_F(BusTest, ValuesKeepTheirTypesThroughACallAndItsReplyAndErrorsTheirNames) 
   EXPECT_EQ(call("Refuse", {}, "").error, (BusError{"org.example.Error.Refused", "Not today"}));
 }
 
-// Signals already read but not yet delivered go with their subscription.
+// Nothing more is delivered once a subscription is dropped, not even a signal sent before.
 TEST_F(BusTest, ADroppedSubscriptionDeliversNothingMore) {
   int signals = 0;
   auto subscription = client->subscribe("type='signal',sender='" + std::string(kService) + "'",

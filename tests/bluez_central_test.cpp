@@ -115,7 +115,6 @@ TEST_F(BluezLink, RefusedCancelledExpiredAndSilentConnectionsReachTheDelegateOnc
     central->connectPeripheral(p, {});
     central->connectPeripheral(p, {});
     if (c.hang) central->cancelPeripheralConnection(p);  // after Connect, on the same bus
-    ASSERT_TRUE(runUntil([&] { return !recorder->events.empty(); }));
     barrier();
     EXPECT_EQ(recorder->events, std::vector<std::string>{c.expected});
   }

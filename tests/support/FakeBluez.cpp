@@ -57,8 +57,8 @@ FakeBluez::FakeBluez() : bus_(bluez::Bus::openSystem()) {
     answerBarriers();
   });
   root_->finish();
-  bus_->requestName("org.bluez");
   addAdapter("hci0", true);
+  bus_->requestName("org.bluez");  // last: a client that saw none reads all there is
 }
 
 // Members go in reverse order: devices, adapters, the object manager, then the bus.
