@@ -1,6 +1,6 @@
 // The bluez central when the bus or bluetoothd misbehave: the bus daemon dies and comes
-// back, notifications refused, an earlier process's link still
-// going down, neighbours whose objects the bus library will not read.
+// back, notifications refused, an earlier process's link still going down, neighbours
+// whose objects the bus library will not read.
 #include "support/BluezSession.h"
 
 namespace tqble::test {

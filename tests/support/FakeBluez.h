@@ -6,7 +6,7 @@
 // runs on the main queue (real clock) like the backend, and behaves as bluetoothd was
 // measured to: the Connect reply before the services resolve, the read's Value signal
 // before its reply, one Value signal per notification even for equal pieces, GATT objects
-// kept across links, devices only while discovering and removed at power-off, its error names.
+// kept across links, devices exported at the first advertisement heard, its error names.
 
 #include <chrono>
 #include <map>
