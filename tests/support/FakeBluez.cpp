@@ -19,11 +19,7 @@ using bluez::BusValue;
 
 constexpr char kAdapterI[] = "org.bluez.Adapter1";
 constexpr char kDeviceI[] = "org.bluez.Device1";
-constexpr char kServiceI[] = "org.bluez.GattService1";
 constexpr char kChrcI[] = "org.bluez.GattCharacteristic1";
-constexpr char kUnknownObject[] = "org.freedesktop.DBus.Error.UnknownObject";
-constexpr std::uint16_t kMtu = 23;
-constexpr auto kStopDiscoveryDelay = 5ms;
 
 // bluetoothd's form: the full identifier in lower case.
 std::string full(const std::string& shortId) {
@@ -34,18 +30,11 @@ void fail(const BusCall& call, const std::string& name, const std::string& messa
   call.fail("org.bluez.Error." + name, message);
 }
 
-BusValue rssiOf(const sim::VirtualPost& post) {
-  return BusValue::int16(static_cast<std::int16_t>(post.rssi()));
-}
-
 }  // namespace
 
 struct FakeBluez::Adapter {
-  std::string name;
   std::unique_ptr<bluez::BusObject> object;
-  bool powered = true;
   std::set<std::string> discoverers;
-  std::uint64_t session = 0;  // counts discoveries: an advertising tick of an ended one stops
 };
 
 struct FakeBluez::Device {
@@ -55,26 +44,21 @@ struct FakeBluez::Device {
   std::unique_ptr<bluez::BusObject> object;             // while bluetoothd knows the device
   std::vector<std::unique_ptr<bluez::BusObject>> gatt;  // kept across links, as bluetoothd's cache
   bluez::BusObject* notify = nullptr;
-  bool connected = false;
+  bool connected = false, disconnecting = false;
   std::optional<BusCall> pendingConnect;
   std::uint64_t link = 0;
   std::set<std::string> notifiers;
-  bool disconnecting = false;
 };
 
 FakeBluez::FakeBluez() : bus_(bluez::Bus::openSystem()) {
-  own();
-  addAdapter("hci0", true);
-}
-
-void FakeBluez::own() {
   root_ = bus_->exportObjectManager("/");
   root_->addMethod("org.bluez.Test", "Barrier", "", "", [this](const BusCall& call) {
     barriers_.push_back(call);
     answerBarriers();
   });
   root_->finish();
-  bus_->requestName("org.bluez");
+  addAdapter("hci0", true);
+  bus_->requestName("org.bluez");  // last: a client that saw none reads all there is
 }
 
 // Members go in reverse order: devices, adapters, the object manager, then the bus.
@@ -82,13 +66,12 @@ FakeBluez::~FakeBluez() = default;
 
 void FakeBluez::later(std::chrono::milliseconds delay, std::function<void()> task) {
   ++busy_;
-  MainQueue::main().asyncAfter(delay,
-                               [this, alive = std::weak_ptr<bool>(alive_), task = std::move(task)] {
-                                 if (!alive.lock()) return;
-                                 --busy_;
-                                 task();
-                                 answerBarriers();
-                               });
+  MainQueue::main().asyncAfter(delay, [this, alive = std::weak_ptr<bool>(alive_), task] {
+    if (!alive.lock()) return;
+    --busy_;
+    task();
+    answerBarriers();
+  });
 }
 
 void FakeBluez::answerBarriers() {
@@ -97,67 +80,43 @@ void FakeBluez::answerBarriers() {
   barriers_.clear();
 }
 
-std::string FakeBluez::pathOf(const sim::PostSetup& setup, const std::string& adapter) {
-  std::string address = setup.identifier;
-  std::replace(address.begin(), address.end(), ':', '_');
-  return "/org/bluez/" + adapter + "/dev_" + address;
-}
-
 void FakeBluez::addAdapter(const std::string& name, bool powered) {
   auto& a = *(adapters_[name] = std::make_unique<Adapter>());
-  a.name = name;
-  a.powered = powered;
   a.object = bus_->exportObject("/org/bluez/" + name);
   auto& o = *a.object;
   o.addProperty(kAdapterI, "Powered", BusValue(powered), true);
-  o.addMethod(kAdapterI, "SetDiscoveryFilter", "a{sv}", "", [this, &a](const BusCall& call) {
-    std::string text = "SetDiscoveryFilter " + a.name;
-    for (const auto& [key, value] : *call.args().at(0).as<BusDict>()) {
-      const auto* uuids = value.as<std::vector<std::string>>();
-      const auto* flag = value.as<bool>();
-      text += " " + key + "=" +
-              (uuids  ? uuids->at(0)
-               : flag ? (*flag ? "true" : "false")
-                      : *value.as<std::string>());
-    }
-    calls_.push_back(text);
+  o.addMethod(kAdapterI, "SetDiscoveryFilter", "a{sv}", "", [this, name](const BusCall& call) {
+    filters[name] = *call.args().at(0).as<BusDict>();
     call.reply();
   });
-  o.addMethod(kAdapterI, "StartDiscovery", "", "", [this, &a](const BusCall& call) {
-    calls_.push_back("StartDiscovery " + a.name);
-    if (!a.powered) return fail(call, "NotReady", "Resource Not Ready");
+  o.addMethod(kAdapterI, "StartDiscovery", "", "", [this, &a, name, powered](const BusCall& call) {
+    calls_.push_back("StartDiscovery " + name);
+    if (!powered) return fail(call, "NotReady", "Resource Not Ready");
     if (!a.discoverers.insert(call.sender()).second)
       return fail(call, "InProgress", "Operation already in progress");
     call.reply();
-    if (a.discoverers.size() == 1) tick(a.name, ++a.session);
+    if (a.discoverers.size() == 1) tick(name);
   });
-  o.addMethod(kAdapterI, "StopDiscovery", "", "", [this, &a](const BusCall& call) {
-    calls_.push_back("StopDiscovery " + a.name);
-    if (!a.powered) return fail(call, "NotReady", "Resource Not Ready");
+  o.addMethod(kAdapterI, "StopDiscovery", "", "", [this, &a, name](const BusCall& call) {
+    calls_.push_back("StopDiscovery " + name);
     if (!a.discoverers.contains(call.sender())) return fail(call, "Failed", "No discovery started");
     // The controller is told first: until it answers, the session is still there (a new
-    // StartDiscovery gets InProgress) and the reply waits.
-    // By name: the adapter may be removed (or bluetoothd restarted) meanwhile.
-    later(kStopDiscoveryDelay, [this, name = a.name, call] {
+    // StartDiscovery gets InProgress) and the reply waits. By name: the adapter may be
+    // removed meanwhile.
+    later(5ms, [this, name, call] {
       const auto it = adapters_.find(name);
-      if (it == adapters_.end() || !it->second->discoverers.erase(call.sender())) return;
-      Adapter& a = *it->second;
-      call.reply();
-      if (!a.discoverers.empty()) return;
-      ++a.session;
-      for (auto& d : devices_) {  // RSSI is invalidated when discovery ends
-        if (d->object && d->adapter == a.name)
-          d->object->emitSignal("org.freedesktop.DBus.Properties", "PropertiesChanged",
-                                {BusValue(kDeviceI), BusValue(BusDict{}), BusValue(std::vector<std::string>{"RSSI"})});
-      }
+      if (it != adapters_.end() && it->second->discoverers.erase(call.sender())) call.reply();
     });
   });
   o.finish();
   o.emitAdded();
 }
 
+// With its devices, the links ended.
 void FakeBluez::removeAdapter(const std::string& name) {
-  setPowered(false, name);
+  for (auto& d : devices_) {
+    if (d->adapter == name) removeDevice(*d);
+  }
   adapters_.at(name)->object->emitRemoved();
   adapters_.erase(name);
 }
@@ -166,7 +125,8 @@ std::shared_ptr<sim::VirtualPost> FakeBluez::addPost(sim::PostSetup setup,
                                                      const std::string& adapter) {
   auto& d = *devices_.emplace_back(std::make_unique<Device>());
   d.adapter = adapter;
-  d.path = pathOf(setup, adapter);
+  d.path = "/org/bluez/" + adapter + "/dev_" + setup.identifier;
+  std::replace(d.path.begin(), d.path.end(), ':', '_');
   d.post = std::make_shared<sim::VirtualPost>(std::move(setup));
   return d.post;
 }
@@ -195,20 +155,20 @@ std::size_t FakeBluez::notifySessions(const std::shared_ptr<sim::VirtualPost>& p
 void FakeBluez::advertise(const std::string& adapter) {
   if (adapters_.at(adapter)->discoverers.empty()) return;
   for (auto& d : devices_) {
-    if (d->adapter != adapter || !d->post->advertising() || d->connected) continue;
-    if (d->object)
-      d->object->set(kDeviceI, "RSSI", rssiOf(*d->post));  // with a discovery filter set
-    else
+    if (d->adapter != adapter || d->connected) continue;
+    if (!d->object)
       exportDevice(*d);
+    else  // with a discovery filter set, every advertisement changes RSSI
+      d->object->set(kDeviceI, "RSSI", BusValue::int16(static_cast<std::int16_t>(d->post->rssi())));
   }
 }
 
-void FakeBluez::tick(const std::string& adapter, std::uint64_t session) {
-  auto it = adapters_.find(adapter);
-  if (it == adapters_.end() || it->second->session != session) return;
+// Until nobody discovers (a stop and a start within a tick may leave two ticks going).
+void FakeBluez::tick(const std::string& adapter) {
+  if (!adapters_.contains(adapter) || adapters_.at(adapter)->discoverers.empty()) return;
   advertise(adapter);
-  MainQueue::main().asyncAfter(50ms, [this, alive = std::weak_ptr<bool>(alive_), adapter, session] {
-    if (alive.lock()) tick(adapter, session);
+  MainQueue::main().asyncAfter(50ms, [this, alive = std::weak_ptr<bool>(alive_), adapter] {
+    if (alive.lock()) tick(adapter);
   });
 }
 
@@ -219,31 +179,26 @@ void FakeBluez::exportDevice(Device& d) {
   std::string alias = setup.identifier;
   std::replace(alias.begin(), alias.end(), ':', '-');
   o.addProperty(kDeviceI, "Address", BusValue(setup.identifier));
-  if (!setup.name.empty()) o.addProperty(kDeviceI, "Name", BusValue(setup.name));
-  o.addProperty(kDeviceI, "Alias", BusValue(setup.name.empty() ? alias : setup.name));
+  // Sent unchecked: a name may be no valid text.
+  const auto text = [](const std::string& s) { return BusValue("s", Bytes(s.begin(), s.end())); };
+  if (!setup.name.empty()) o.addProperty(kDeviceI, "Name", text(setup.name));
+  o.addProperty(kDeviceI, "Alias", text(setup.name.empty() ? alias : setup.name));
   o.addProperty(kDeviceI, "Adapter", BusValue::path("/org/bluez/" + d.adapter));
-  o.addProperty(kDeviceI, "RSSI", rssiOf(*d.post));
+  o.addProperty(kDeviceI, "RSSI", BusValue::int16(static_cast<std::int16_t>(d.post->rssi())));
   o.addProperty(kDeviceI, "UUIDs", BusValue(std::vector<std::string>{full(sim::kService)}));
   o.addProperty(kDeviceI, "Connected", BusValue(false));
   o.addProperty(kDeviceI, "ServicesResolved", BusValue(false));
   o.addMethod(kDeviceI, "Connect", "", "", [this, &d](const BusCall& call) {
     calls_.push_back("Connect " + d.post->identifier());
-    if (!adapters_.at(d.adapter)->powered) return fail(call, "NotReady", "Resource Not Ready");
-    if (d.connected) return fail(call, "AlreadyConnected", "Already Connected");
     if (d.pendingConnect) return fail(call, "InProgress", "In Progress");
     d.pendingConnect = call;
     if (!d.faults.connectHangs) later(10ms, [this, &d] { connectNow(d); });
   });
   o.addMethod(kDeviceI, "Disconnect", "", "", [this, &d](const BusCall& call) {
     calls_.push_back("Disconnect " + d.post->identifier());
-    if (d.pendingConnect) {
-      d.pendingConnect->fail("org.bluez.Error.Failed", "Operation was cancelled");
-      d.pendingConnect.reset();
-    } else if (!d.connected) {
-      return fail(call, "NotConnected", "Not Connected");
-    }
-    if (d.disconnecting) return call.reply();  // it goes in its own time
-    disconnect(d);
+    if (d.pendingConnect) fail(*d.pendingConnect, "Failed", "Operation was cancelled");
+    d.pendingConnect.reset();
+    if (!d.disconnecting) disconnect(d);  // else it goes in its own time
     call.reply();
   });
   o.finish();
@@ -267,48 +222,46 @@ void FakeBluez::connectNow(Device& d) {
   later(d.gatt.empty() ? 20ms : 5ms, [this, &d, link] {
     if (!d.connected || d.link != link) return;
     const bool late = d.faults.lateChargerService && d.gatt.empty();
-    if (d.gatt.empty()) exportGatt(d, !late);
+    if (!late && d.gatt.empty()) exportGatt(d);
     d.object->set(kDeviceI, "ServicesResolved", BusValue(true));
     if (late)
       later(30ms, [this, &d, link] {
-        if (d.connected && d.link == link) exportGatt(d, true);
+        if (d.connected && d.link == link) exportGatt(d);
       });
   });
 }
 
 // ---- GATT ------------------------------------------------------------------------------
 
-void FakeBluez::exportGatt(Device& d, bool charger) {
-  const auto exported = [&](const std::string& at) -> bluez::BusObject& {
-    return *d.gatt.emplace_back(bus_->exportObject(d.path + at));
-  };
-  const auto service = [&](const std::string& at, const std::string& uuid) {
-    auto& s = exported(at);
-    s.addProperty(kServiceI, "UUID", BusValue(full(uuid)));
-    s.addProperty(kServiceI, "Device", BusValue::path(d.path));
-    s.finish();
-    s.emitAdded();
-  };
-  const auto characteristic = [&](const std::string& at, const std::string& uuid,
-                                  std::vector<std::string> flags,
-                                  Bytes value) -> bluez::BusObject& {
-    auto& c = exported(at);
+void FakeBluez::exportGatt(Device& d) {
+  if (d.post->faults().missingService) return;
+  const std::string service = d.path + "/service0010";
+  auto& s = *d.gatt.emplace_back(bus_->exportObject(service));
+  s.addProperty("org.bluez.GattService1", "UUID", BusValue(full(sim::kService)));
+  s.addProperty("org.bluez.GattService1", "Device", BusValue::path(d.path));
+  s.finish();
+  s.emitAdded();
+  // Exported out of handle order: FFF4 at 0x13 first, then FFF3 at 0x11.
+  for (const std::string uuid : {sim::kRead, sim::kWrite}) {
+    const bool read = uuid == sim::kRead;
+    auto& c =
+        *d.gatt.emplace_back(bus_->exportObject(service + (read ? "/char0013" : "/char0011")));
+    if (read) d.notify = &c;
     c.addProperty(kChrcI, "UUID", BusValue(full(uuid)));
-    c.addProperty(kChrcI, "Service", BusValue::path(d.path + at.substr(0, at.rfind('/'))));
-    c.addProperty(kChrcI, "Flags", BusValue(flags));
-    c.addProperty(kChrcI, "MTU", BusValue::uint16(kMtu));
-    c.addProperty(kChrcI, "Value", BusValue(value));
+    c.addProperty(kChrcI, "Service", BusValue::path(service));
+    c.addProperty(kChrcI, "Flags",
+                  BusValue(read ? std::vector<std::string>{"read", "notify"}
+                                : std::vector<std::string>{"write-without-response", "write"}));
+    c.addProperty(kChrcI, "Value", BusValue(read ? d.post->setup().initialReadValue : Bytes{}));
     c.addMethod(kChrcI, "ReadValue", "a{sv}", "ay", [this, &d, &c, uuid](const BusCall& call) {
       calls_.push_back("ReadValue " + uuid);
-      if (!d.connected) return fail(call, "Failed", "Not connected");
       if (auto error = d.post->faults().readError) return fail(call, "Failed", error->domain);
       // The value goes to the cache, which signals it, before the reply.
       c.set(kChrcI, "Value", c.get(kChrcI, "Value"));
       call.reply({c.get(kChrcI, "Value")});
     });
-    c.addMethod(kChrcI, "StartNotify", "", "", [this, &d, &c, uuid](const BusCall& call) {
+    c.addMethod(kChrcI, "StartNotify", "", "", [this, &d, uuid](const BusCall& call) {
       calls_.push_back("StartNotify " + uuid);
-      if (&c != d.notify) return fail(call, "NotSupported", "Operation is not supported");
       if (d.faults.startNotifyError)
         return call.fail(d.faults.startNotifyError->name, d.faults.startNotifyError->message);
       if (d.disconnecting) return fail(call, "Failed", "Device is disconnecting");
@@ -317,50 +270,32 @@ void FakeBluez::exportGatt(Device& d, bool charger) {
     });
     c.addMethod(kChrcI, "StopNotify", "", "", [this, &d, uuid](const BusCall& call) {
       calls_.push_back("StopNotify " + uuid);
-      if (!d.notifiers.erase(call.sender()))
-        return fail(call, "Failed", "No notify session started");
+      d.notifiers.erase(call.sender());
       call.reply();
     });
     c.addMethod(kChrcI, "WriteValue", "aya{sv}", "", [this, &d, uuid](const BusCall& call) {
       const Bytes& data = *call.args().at(0).as<Bytes>();
       const auto* type = call.args().at(1).at("type");
       // Without a type, a characteristic that also takes requests gets a request.
-      const std::string kind =
-          type && type->as<std::string>() ? *type->as<std::string>() : "request";
+      const std::string kind = type ? *type->as<std::string>() : "request";
       calls_.push_back("WriteValue " + uuid + " " + kind + " " + spaced(data, ""));
-      if (!d.connected) return fail(call, "Failed", "Not connected");
       call.reply();
       const auto link = d.link;
       for (const auto& answer : d.post->handleWrite(data)) {
         for (const auto& piece : sim::cutAnswer(answer, d.post->faults(), sim::Timing{})) {
           if (piece.lost) continue;
+          // One signal per notification, equal values included.
           later(15ms + std::chrono::duration_cast<std::chrono::milliseconds>(piece.due),
-                [this, &d, link, piece] {
-                  if (d.link == link) notify(d, piece.bytes);
+                [&d, link, piece] {
+                  if (d.link == link && d.connected && !d.notifiers.empty())
+                    d.notify->set(kChrcI, "Value", BusValue(piece.bytes));
                 });
         }
       }
     });
     c.finish();
     c.emitAdded();
-    return c;
-  };
-  if (d.gatt.empty()) {
-    // Exported out of handle order: the backend sorts by the handles in the paths.
-    service("/service000a", "180A");
-    characteristic("/service000a/char000b", "2A29", {"read"}, {'T', 'Q'});
   }
-  if (!charger || d.post->faults().missingService) return;
-  service("/service0010", sim::kService);
-  d.notify = &characteristic("/service0010/char0013", sim::kRead, {"read", "notify"},
-                             d.post->setup().initialReadValue);
-  characteristic("/service0010/char0011", sim::kWrite, {"write-without-response", "write"}, {});
-}
-
-void FakeBluez::notify(Device& d, const Bytes& value) {
-  // One signal per notification, equal values included.
-  if (d.connected && d.notify && !d.notifiers.empty())
-    d.notify->set(kChrcI, "Value", BusValue(value));
 }
 
 // ---- Links and power ------------------------------------------------------------------------
@@ -378,7 +313,6 @@ void FakeBluez::dropLink(const std::shared_ptr<sim::VirtualPost>& post) {
 
 void FakeBluez::removeDevice(Device& d) {
   if (!d.object) return;
-  if (d.pendingConnect) d.pendingConnect->fail(kUnknownObject, "gone");
   d.pendingConnect.reset();
   for (auto it = d.gatt.rbegin(); it != d.gatt.rend(); ++it) (*it)->emitRemoved();
   d.object->emitRemoved();
@@ -393,62 +327,16 @@ void FakeBluez::expire(const std::shared_ptr<sim::VirtualPost>& post) {
   removeDevice(deviceOf(post));
 }
 
-void FakeBluez::setPowered(bool on, const std::string& adapter) {
-  Adapter& a = *adapters_.at(adapter);
-  a.powered = on;
-  // The controller's links end before bluetoothd reports the power change.
-  for (auto& d : devices_) {
-    if (!on && d->adapter == adapter && d->object) disconnect(*d);
-  }
-  a.object->set(kAdapterI, "Powered", BusValue(on));
-  if (on) return;
-  a.discoverers.clear();
-  ++a.session;
-  for (auto& d : devices_) {
-    if (d->adapter == adapter) removeDevice(*d);  // temporary devices go with the power
-  }
-}
-
-void FakeBluez::restart() {
-  // bluetoothd back on a bus started again: every object exported afresh, the name taken anew.
-  for (auto& d : devices_) {
-    d->pendingConnect.reset();
-    d->gatt.clear();
-    d->notify = nullptr;
-    d->object.reset();
-    d->connected = false;
-    d->notifiers.clear();
-  }
-  std::vector<std::pair<std::string, bool>> adapters;
-  for (const auto& [name, a] : adapters_) adapters.emplace_back(name, a->powered);
-  adapters_.clear();
-  root_.reset();
-  bus_ = bluez::Bus::openSystem();
-  own();
-  for (const auto& [name, powered] : adapters) addAdapter(name, powered);
-}
-
-void FakeBluez::leaveDyingLink(const std::shared_ptr<sim::VirtualPost>& post, std::chrono::milliseconds delay) {
+void FakeBluez::leaveDyingLink(const std::shared_ptr<sim::VirtualPost>& post,
+                               std::chrono::milliseconds delay) {
   Device& d = deviceOf(post);
   d.connected = d.disconnecting = true;
   d.object->set(kDeviceI, "Connected", BusValue(true));
-  later(delay, [this, &d] {
-    if (!d.disconnecting) return;
+  MainQueue::main().asyncAfter(delay, [this, alive = std::weak_ptr<bool>(alive_), &d] {
+    if (!alive.lock() || !d.disconnecting) return;
     d.disconnecting = false;
     disconnect(d);
   });
-}
-
-void FakeBluez::addNeighbour(const std::string& address, const Bytes& name) {
-  sim::PostSetup setup;
-  setup.identifier = address;
-  auto o = bus_->exportObject(pathOf(setup));
-  o->addProperty(kDeviceI, "Address", BusValue(address));
-  o->addProperty(kDeviceI, "Name", BusValue("s", name));
-  o->addProperty(kDeviceI, "Adapter", BusValue::path("/org/bluez/hci0"));
-  o->finish();
-  o->emitAdded();
-  neighbours_.push_back(std::move(o));
 }
 
 }  // namespace tqble::test

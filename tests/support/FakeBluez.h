@@ -6,7 +6,7 @@
 // runs on the main queue (real clock) like the backend, and behaves as bluetoothd was
 // measured to: the Connect reply before the services resolve, the read's Value signal
 // before its reply, one Value signal per notification even for equal pieces, GATT objects
-// kept across links, devices only while discovering and removed at power-off, its error names.
+// kept across links, devices exported at the first advertisement heard, its error names.
 
 #include <chrono>
 #include <map>
@@ -37,17 +37,14 @@ class FakeBluez {
   FakeBluez();
   ~FakeBluez();
 
-  /// Puts a post in range of `adapter`; its identifier must be an address ("C0:FF:EE:00:00:01").
+  /// Puts a post in range of `adapter`; its identifier must be an address
+  /// ("C0:FF:EE:00:00:01"), its name is sent as it is (maybe no valid text).
   std::shared_ptr<sim::VirtualPost> addPost(sim::PostSetup setup,
                                             const std::string& adapter = "hci0");
   BluezFaults& faults(const std::shared_ptr<sim::VirtualPost>& post);
-  /// The device object path of a post.
-  static std::string pathOf(const sim::PostSetup& setup, const std::string& adapter = "hci0");
 
   void addAdapter(const std::string& name, bool powered);
   void removeAdapter(const std::string& name);
-  /// Power-off: links dropped, Powered=false, temporary devices removed.
-  void setPowered(bool on, const std::string& adapter = "hci0");
   /// The link to `post` is lost (Connected=false, no reason given).
   void dropLink(const std::shared_ptr<sim::VirtualPost>& post);
   /// Forgets a post's device object while idle, as bluetoothd does 30 s after a scan.
@@ -55,34 +52,29 @@ class FakeBluez {
   /// Every post in range of a discovering `adapter` is heard now (as every 50 ms anyway):
   /// a new device object at the first advertisement, then an RSSI change at each.
   void advertise(const std::string& adapter = "hci0");
+  /// A link of an earlier client to `post` that bluetoothd closes only after `delay`
+  /// (Connected stays true, notifications are refused until then). Barrier does not await it.
+  void leaveDyingLink(const std::shared_ptr<sim::VirtualPost>& post,
+                      std::chrono::milliseconds delay);
 
   /// Method calls received, e.g. "StartDiscovery hci0", "WriteValue FFF3 command 68B5...".
   const std::vector<std::string>& calls() const { return calls_; }
+  /// The discovery filter set last, by adapter.
+  std::map<std::string, bluez::BusDict> filters;
   /// Whether a link to `post` is up.
   bool connected(const std::shared_ptr<sim::VirtualPost>& post) const;
   /// Number of notify sessions on FFF4 of `post`.
   std::size_t notifySessions(const std::shared_ptr<sim::VirtualPost>& post) const;
 
+ private:
   struct Device;
   struct Adapter;
-
-  /// bluetoothd comes back on a bus started again at the same address: every object anew.
-  void restart();
-  /// A link of an earlier client to `post` that bluetoothd closes only after `delay`
-  /// (Connected stays true, notifications are refused until then).
-  void leaveDyingLink(const std::shared_ptr<sim::VirtualPost>& post, std::chrono::milliseconds delay);
-  /// A device heard before, kept by bluetoothd, whose name is `name` as it is (maybe no valid text).
-  void addNeighbour(const std::string& address, const Bytes& name);
-
- private:
-  void own();
   void later(std::chrono::milliseconds delay, std::function<void()> task);
   void answerBarriers();
-  void tick(const std::string& adapter, std::uint64_t session);
+  void tick(const std::string& adapter);
   void exportDevice(Device& d);
   void connectNow(Device& d);
-  void exportGatt(Device& d, bool charger);
-  void notify(Device& d, const Bytes& value);
+  void exportGatt(Device& d);
   void disconnect(Device& d);
   void removeDevice(Device& d);
   Device& deviceOf(const std::shared_ptr<sim::VirtualPost>& post) const;
@@ -95,7 +87,6 @@ class FakeBluez {
   std::vector<bluez::BusCall> barriers_;
   int busy_ = 0;  // delayed steps still to run
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
-  std::vector<std::unique_ptr<bluez::BusObject>> neighbours_;
 };
 
 }  // namespace tqble::test
