@@ -66,37 +66,19 @@ bool pollLoop(ChargerClient& client, const std::function<bool()>& done) {
 }
 
 #ifdef TQBLE_HAVE_GLIB
-struct GlibHost {
-  ChargerClient& client;
-  const std::function<bool()>& done;
-  GMainLoop* loop;
-};
-
 bool glibLoop(ChargerClient& client, const std::function<bool()>& done) {
-  GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
-  GlibHost host{client, done, loop};
   const guint watch = g_unix_fd_add(
       client.eventFd(), G_IO_IN,
-      [](gint, GIOCondition, gpointer data) -> gboolean {
-        auto* h = static_cast<GlibHost*>(data);
-        h->client.dispatch();
-        if (h->done()) g_main_loop_quit(h->loop);
+      [](gint, GIOCondition, gpointer c) -> gboolean {
+        static_cast<ChargerClient*>(c)->dispatch();
         return G_SOURCE_CONTINUE;
       },
-      &host);
-  // On the virtual clock the descriptor is readable while anything is queued; an idle
-  // queue ends the loop instead of waiting forever.
-  const guint idle = g_idle_add(
-      [](gpointer data) -> gboolean {
-        auto* h = static_cast<GlibHost*>(data);
-        if (!readable(h->client.eventFd(), 0) || h->done()) g_main_loop_quit(h->loop);
-        return G_SOURCE_CONTINUE;
-      },
-      &host);
-  if (!done()) g_main_loop_run(loop);
-  g_source_remove(idle);
+      &client);
+  // Virtual clock: the descriptor is readable while anything is queued, so an iteration
+  // that dispatches nothing means the queue went idle.
+  while (!done() && g_main_context_iteration(nullptr, FALSE)) {
+  }
   g_source_remove(watch);
-  g_main_loop_unref(loop);
   return done();
 }
 #endif
