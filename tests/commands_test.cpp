@@ -8,41 +8,48 @@
 namespace tqble {
 namespace {
 
-using test::CommandRow;
-using test::FakeStack;
-using test::kCommandRows;
-using test::hex;
-using test::spaced;
+using namespace test;
 
 // The same commands with other arguments: a one-digit volume travels as an empty body,
 // volumes of two or three digits as the byte of their first two, reservation fields as
 // their low 8 bits.
-struct ArgumentCase {
-  const char* name;
-  void (*issue)(TQBleManager&);
-  const char* frame;
-};
-// clang-format off
-const ArgumentCase kArguments[] = {
-    {"volume5", [](auto& m) { m.setVolumeWithVolumeSize(5, nullptr); }, "68 B2 00 00 00 00 00 DA"},
-    {"volume10", [](auto& m) { m.setVolumeWithVolumeSize(10, nullptr); }, "68 B2 00 00 01 00 00 CB 10"},
-    {"volume100", [](auto& m) { m.setVolumeWithVolumeSize(100, nullptr); }, "68 B2 00 00 01 00 00 CB 10"},
-    {"orderLow8Bits", [](auto& m) { m.orderChargerWithStartHour(256 + 22, 30, 6 - 256, 0, nullptr); },
-     "68 B3 00 00 05 00 00 D1 01 16 1E 06 00"},
-    {"syncPast2038", [](auto& m) { m.synchroTimeWithError(nullptr); }, "68 B0 00 00 04 00 00 5C FF FF FF 7F"},
-};
-// clang-format on
-
 TEST(CommandArguments, ShapeTheBodyAsThePostReadsIt) {
+  // clang-format off
+  const std::pair<void (*)(TQBleManager&), const char*> cases[] = {
+      {[](auto& m) { m.setVolumeWithVolumeSize(5, nullptr); }, "68 B2 00 00 00 00 00 DA"},
+      {[](auto& m) { m.setVolumeWithVolumeSize(10, nullptr); }, "68 B2 00 00 01 00 00 CB 10"},
+      {[](auto& m) { m.setVolumeWithVolumeSize(100, nullptr); }, "68 B2 00 00 01 00 00 CB 10"},
+      {[](auto& m) { m.orderChargerWithStartHour(256 + 22, 30, 6 - 256, 0, nullptr); }, "68 B3 00 00 05 00 00 D1 01 16 1E 06 00"},
+      {[](auto& m) { m.synchroTimeWithError(nullptr); }, "68 B0 00 00 04 00 00 5C FF FF FF 7F"}};
+  // clang-format on
   FakeStack stack;
   auto post = stack.connectReadyPost();
   detail::setNowSource([] { return 4'000'000'000.4; });  // past 2038: read as INT32_MAX
-  for (const auto& c : kArguments) {
-    c.issue(*stack.manager);
-    EXPECT_EQ(spaced(post->writes.back().data), spaced(hex(c.frame))) << c.name;
+  for (const auto& [issue, frame] : cases) {
+    issue(*stack.manager);
+    EXPECT_EQ(spaced(post->writes.back().data), spaced(hex(frame)));
   }
   detail::setNowSource(nullptr);
-  EXPECT_EQ(post->writes.size(), std::size(kArguments));
+  EXPECT_EQ(post->writes.size(), std::size(cases));
+}
+
+// The frame builder itself: a missing or empty body, the one code with another start
+// byte, codes and statuses above 0x7F copied verbatim, the seed, and a length over 255.
+TEST(FrameEncoding, ProducesExactBytes) {
+  FakeStack stack;
+  std::string longBody;
+  for (int i = 0; i < 256; ++i) longBody += " 11";  // equal bytes cancel out in the checksum
+  // clang-format off
+  const std::tuple<std::uint8_t, std::uint8_t, std::optional<Bytes>, std::uint8_t, std::string> cases[] = {
+      {0xB5, 0, std::nullopt, 0, "68 B5 00 00 00 00 00 DD"}, {0xB5, 0, Bytes{}, 0, "68 B5 00 00 00 00 00 DD"},
+      {0xBA, 0, std::nullopt, 0, "AA BA 00 00 00 00 00 10"},  // 0xAA enters the checksum
+      {0xB9, 0, std::nullopt, 0, "68 B9 00 00 00 00 00 D1"}, {0xBB, 0, std::nullopt, 0, "68 BB 00 00 00 00 00 D3"},
+      {0xFF, 0x80, hex("01 02"), 0, "68 FF 80 00 02 00 00 16 01 02"},
+      {0xB5, 0, hex("00"), 0x5A, "68 B5 00 00 01 00 00 86 00"}, {0x32, 0x07, hex("00"), 0xFF, "68 32 07 00 01 00 00 A3 00"},
+      {0xB0, 0, Bytes(256, 0x11), 0, "68 B0 00 00 00 01 00 D9" + longBody}};
+  // clang-format on
+  for (const auto& [cmd, status, body, rand, frame] : cases)
+    EXPECT_EQ(spaced(stack.manager->setDataWithCmd(cmd, status, body, rand)), spaced(hex(frame))) << frame;
 }
 
 class Command : public testing::TestWithParam<CommandRow> {
@@ -52,40 +59,33 @@ class Command : public testing::TestWithParam<CommandRow> {
   void TearDown() override { detail::setNowSource(nullptr); }
 };
 
-// Then once more with the status and seed properties set (the system query ignores them),
-// and over a gathering buffer that only some commands clear.
-TEST_P(Command, WritesItsExactFrameRecordsItsTagAndClearsTheBufferOnlyWhereItMust) {
+// Each command records its tag first, then fails locally without a link or a write
+// characteristic; on a ready link it writes its frame, then once more with the status and
+// seed properties set (the system query ignores them), over a buffer only some clear.
+TEST_P(Command, RecordsItsTagFailsLocallyOrWritesItsExactFrameAndClearsTheBufferOnlyWhereItMust) {
   FakeStack stack;
-  auto post = stack.connectReadyPost();
   const auto& c = GetParam();
-  int failures = 0;
-  c.issue(*stack.manager, [&](const TQError&) { ++failures; });
+  std::vector<TQError> errors;
+  const TQErrorHandler record = [&](const TQError& e) { errors.push_back(e); };
+  c.issue(*stack.manager, record);
+  EXPECT_EQ(stack.manager->cmdType(), c.tag);
+  auto bare = std::make_shared<test::FakePeripheral>();
+  stack.manager->didConnectPeripheral(*stack.central, bare);
+  c.issue(*stack.manager, record);
+  EXPECT_EQ(errors, (std::vector<TQError>{{"没有连接的外设", 1002, {}}, {"蓝牙写入特征为空，请检查蓝牙连接设备", 1001, {}}}));
+  EXPECT_TRUE(bare->writes.empty());
+  auto post = stack.connectReadyPost();
+  c.issue(*stack.manager, record);
   stack.manager->setStatusCode(0x07);
   stack.manager->setRand(0x5A);
   stack.manager->systemInfoData() = hex("68 b1 00");
   c.issue(*stack.manager, nullptr);
-  EXPECT_EQ(failures, 0);
-  EXPECT_EQ(stack.manager->cmdType(), c.tag);
+  EXPECT_EQ(errors.size(), 2u);
   EXPECT_EQ(stack.manager->systemInfoData().empty(), c.clearsBuffer);
   ASSERT_EQ(post->writes.size(), 2u);
   EXPECT_EQ(spaced(post->writes[0].data), spaced(hex(c.frame)));
   EXPECT_EQ(spaced(post->writes[1].data), spaced(hex(c.seededFrame)));
   EXPECT_EQ(post->writes[0].type, ble::WriteType::WithoutResponse);
-}
-
-TEST_P(Command, FailsLocallyOnceWithItsTagAlreadyRecorded) {
-  FakeStack stack;
-  std::vector<TQError> errors;
-  const TQErrorHandler record = [&](const TQError& e) { errors.push_back(e); };
-  GetParam().issue(*stack.manager, record);  // not connected
-  EXPECT_EQ(stack.manager->cmdType(), GetParam().tag);
-  auto post = std::make_shared<test::FakePeripheral>();
-  stack.manager->didConnectPeripheral(*stack.central, post);
-  GetParam().issue(*stack.manager, record);  // connected, characteristics unknown
-  ASSERT_EQ(errors.size(), 2u);
-  EXPECT_EQ(errors[0], (TQError{"没有连接的外设", 1002, {}}));
-  EXPECT_EQ(errors[1], (TQError{"蓝牙写入特征为空，请检查蓝牙连接设备", 1001, {}}));
-  EXPECT_TRUE(post->writes.empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Catalogue, Command, testing::ValuesIn(kCommandRows),
