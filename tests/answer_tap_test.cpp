@@ -1,4 +1,4 @@
-// The answer tap sees each complete answer and changes nothing the manager does.
+// The answer tap sees each complete answer; every suite's recorder taps beside the delegate.
 #include <gtest/gtest.h>
 
 #include "support/SimSession.h"
@@ -8,7 +8,7 @@ namespace {
 
 using namespace test;
 
-TEST(AnswerTap, SeesEachCompleteAnswerOnceWithItsTagChangesNothingAndMayBeRemovedFromWithin) {
+TEST(AnswerTap, SeesEachCompleteAnswerOnceWithItsTagAndMayBeRemovedFromWithin) {
   SimSession s;
   s.connectAndSettle();
   int selfRemoving = 0;
@@ -24,10 +24,6 @@ TEST(AnswerTap, SeesEachCompleteAnswerOnceWithItsTagChangesNothingAndMayBeRemove
   EXPECT_EQ(selfRemoving, 1);
   EXPECT_EQ(seen, (std::vector<std::pair<std::int64_t, std::size_t>>{{2, 67}, {6, 26}, {7, 9}}))
       << "an observer removing itself leaves the next one called";
-  EXPECT_EQ(s.log.updates.size(), 4u + 2u + 1u) << "one delegate call per notification";
-  EXPECT_NE(s.log.updates[5]->chargingData, nullptr);
-  EXPECT_EQ(s.log.updates[6]->result->resultType, 0);
-  EXPECT_EQ(s.manager->systemInfoModelList().size(), 20u);
 
   s.manager->removeAnswerObserver(token);
   s.manager->removeAnswerObserver(token + 100);  // unknown: ignored

@@ -29,8 +29,6 @@ constexpr auto none = std::nullopt;
 const TQError kReadError{"Reading failed.", 14, {}};
 
 class Characteristics : public testing::TestWithParam<FoundCase> {};
-// GoogleTest prints a case by its name, never by its raw bytes.
-void PrintTo(const FoundCase& c, std::ostream* os) { *os << c.name; }
 
 // The initial read reports to the delegate once. With either characteristic missing no
 // answer is heard; without the write one, commands fail locally.
@@ -70,8 +68,6 @@ struct ErrorCase {
 };
 
 class DiscoveryError : public testing::TestWithParam<ErrorCase> {};
-// GoogleTest prints a case by its name, never by its raw bytes.
-void PrintTo(const ErrorCase& c, std::ostream* os) { *os << c.name; }
 
 TEST_P(DiscoveryError, LogsOnceAndKeepsTheCharacteristicsOfTheEarlierLink) {
   SimSession s;
