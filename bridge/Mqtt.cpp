@@ -111,10 +111,11 @@ Mqtt::Mqtt(const MqttSettings& s, const std::string& clientId, const std::string
   mosquitto_reconnect_delay_set(mosq_, 1, 4, true);
   log("connecting to broker %s%s%s%s", endpoint_.c_str(), s.caFile.empty() ? "" : " over TLS",
       s.username.empty() ? "" : " as ", s.username.c_str());
-  // While the broker is absent the network thread keeps trying, with backoff.
+  // While the broker is absent the network thread keeps trying, with backoff. It starts
+  // first: started after a refused first attempt, it would wait for that attempt forever.
+  check(mosquitto_loop_start(mosq_), "network thread");
   const int rc = mosquitto_connect_async(mosq_, s.host.c_str(), s.port, s.keepAlive);
   if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_ERRNO) check(rc, "broker address");
-  check(mosquitto_loop_start(mosq_), "network thread");
 }
 
 Mqtt::~Mqtt() {
