@@ -1,41 +1,20 @@
 // `tqble capture` on captures recorded in the radio guest and made by hand, and the
 // Wireshark dissector on the same files when tshark is installed.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
-#include <string>
-#include <vector>
 
+#include "support/Processes.h"
+
+namespace tqble::test {
 namespace {
 
 using nlohmann::json;
-const std::string kCaptures = std::filesystem::path(__FILE__).parent_path() / "captures";
-const std::string kDissector =
-    std::filesystem::path(__FILE__).parent_path().parent_path() / "tools/wireshark/tqble.lua";
+const std::string kCaptures = TQBLE_SOURCE_DIR "/tests/captures";
 
-struct Outcome {
-  int status;
-  std::string out, err;
-};
-
-Outcome run(const std::string& command) {
-  const std::string path = ::testing::TempDir() + "tqble_capture_" + std::to_string(getpid());
-  const int wait = std::system(("(cd " + kCaptures + " && " + command + ") >" + path + ".out 2>" +
-                                path + ".err").c_str());
-  auto slurp = [](const std::string& p) {
-    std::ostringstream text;
-    text << std::ifstream(p).rdbuf();
-    return text.str();
-  };
-  return {WIFEXITED(wait) ? WEXITSTATUS(wait) : -1, slurp(path + ".out"), slurp(path + ".err")};
-}
+// Runs `command` in the folder of the captures.
+Outcome run(const std::string& command) { return shell("cd " + kCaptures + " && " + command); }
 
 json timeline(const std::string& arguments) {
   const Outcome r = run(std::string(TQBLE_CLI_PATH) + " capture --json " + arguments);
@@ -163,9 +142,8 @@ TEST(Capture, RefusesBadFilesWithTheRecordAndOffsetAndReadsStandardInput) {
 
 TEST(Capture, WiresharkDissectorShowsCommandsChecksumsAndReassembledAnswers) {
   if (run("command -v tshark").status != 0) GTEST_SKIP() << "tshark is not installed";
-  const Outcome r = run("tshark -X lua_script:" + kDissector +
-                    " -r wrong-checksum.btsnoop -Y tqble.pieces -T fields -e tqble.command -e "
-                    "tqble.checksum_status -e tqble.pieces 2>/dev/null");
+  const Outcome r = run("tshark -X lua_script:" TQBLE_SOURCE_DIR "/tools/wireshark/tqble.lua -r wrong-checksum.btsnoop"
+                        " -Y tqble.pieces -T fields -e tqble.command -e tqble.checksum_status -e tqble.pieces 2>/dev/null");
   std::istringstream lines(r.out);
   std::vector<std::string> answers;
   for (std::string line; std::getline(lines, line);) answers.push_back(line);
@@ -177,3 +155,4 @@ TEST(Capture, WiresharkDissectorShowsCommandsChecksumsAndReassembledAnswers) {
 }
 
 }  // namespace
+}  // namespace tqble::test

@@ -1,42 +1,23 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
-#include <string>
 #include <tuple>
-#include <vector>
 
+#include "support/Processes.h"
+
+namespace tqble::test {
 namespace {
 
-std::string slurp(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
-
-// Runs `command` in the shell, where $TQBLE is the built tool: exit status, output, error
-// output. CTest runs tests side by side, so each process gets files of its own.
-std::tuple<int, std::string, std::string> shell(const std::string& command) {
-  const std::string path = ::testing::TempDir() + "tqble_cli_" + std::to_string(getpid());
-  const std::string script = "TQBLE=" + std::string(TQBLE_CLI_PATH) + "; " + command;
-  const int wait = std::system(("(" + script + ") >" + path + ".out 2>" + path + ".err").c_str());
-  return {WIFEXITED(wait) ? WEXITSTATUS(wait) : -1, slurp(path + ".out"), slurp(path + ".err")};
-}
+using namespace std::chrono_literals;
 
 // Runs a table of (shell command, exit status, the whole output or after '~' a part of it, the
 // whole error output).
 using Cases = std::vector<std::tuple<std::string, int, std::string, std::string>>;
 void expectRuns(const Cases& cases) {
   for (const auto& [command, status, out, err] : cases) {
-    const auto [runStatus, runOut, runErr] = shell(command);
-    EXPECT_EQ(std::pair(runStatus, runErr), std::pair(status, err)) << command;
-    EXPECT_TRUE(out[0] == '~' ? runOut.find(out.substr(1)) != std::string::npos : runOut == out)
-        << command << "\n"
-        << runOut;
+    const Outcome run = shell("TQBLE=" TQBLE_CLI_PATH "; " + command);
+    EXPECT_EQ(std::pair(run.status, run.err), std::pair(status, err)) << command;
+    EXPECT_TRUE(out[0] == '~' ? run.out.find(out.substr(1)) != std::string::npos : run.out == out)
+        << command << "\n" << run.out;
   }
 }
 
@@ -114,15 +95,16 @@ TEST(CommandLineTool, AsksTheSimulatedPostThroughTheClient) {
 }
 
 TEST(CommandLineTool, WatchesTheStateUntilInterrupted) {
-  // Interrupted once two states are out (waited for, at most 60 s), never after a fixed time.
-  const auto [status, out, err] = shell(
-      "f=$(mktemp); $TQBLE watch - --every 0.5 >$f & pid=$!; i=0;"
-      "while [ $(wc -l <$f) -lt 2 ] && [ $i -lt 1200 ]; do sleep 0.05; i=$((i+1)); done;"
-      "kill -INT $pid; wait $pid; s=$?; cat $f; rm $f; exit $s");
-  EXPECT_EQ(status, 0) << err;
-  EXPECT_EQ(err, "");
-  EXPECT_GE(std::count(out.begin(), out.end(), '\n'), 2) << out;
-  EXPECT_NE(out.find("\"gun_state\":\"plugged_in\",\"gun_code\":1,\"fault\":null"), std::string::npos) << out;
+  const std::string err = ::testing::TempDir() + "tqble_watch_" + std::to_string(getpid()) + ".err";
+  Child watch({TQBLE_CLI_PATH, "watch", "-", "--every", "0.5"}, err);
+  std::string first, second;
+  ASSERT_TRUE(watch.line(first, Clock::now() + 60s) && watch.line(second, Clock::now() + 60s));
+  watch.signal(SIGINT);  // once two states are out
+  const int status = watch.wait();
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_EQ(slurp(err), "");
+  EXPECT_NE(first.find("\"gun_state\":\"plugged_in\",\"gun_code\":1,\"fault\":null"), std::string::npos) << first;
 }
 
 }  // namespace
+}  // namespace tqble::test
