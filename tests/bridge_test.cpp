@@ -14,8 +14,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const std::string kSource = TQBLE_SOURCE_DIR;
-
 std::string replaced(std::string text, const std::string& from, const std::string& to) {
   const auto at = text.find(from);
   if (at == std::string::npos) throw std::runtime_error("the example has no '" + from + "'");
@@ -26,7 +24,7 @@ std::string replaced(std::string text, const std::string& from, const std::strin
 // take the place of its own [[post]] list.
 std::string config(int port, const std::string& gateway = "garage", const std::string& posts = "",
                    const std::string& more = "") {
-  std::string text = slurp(kSource + "/bridge/bridge.example.toml");
+  std::string text = slurp(TQBLE_SOURCE_DIR "/bridge/bridge.example.toml");
   text = replaced(replaced(text, "port = 1883", "port = " + std::to_string(port) + more), "state = 5 ",
                   "state = 1 ");
   text = replaced(text, "gateway = \"garage\"", "gateway = \"" + gateway + "\"");
@@ -37,8 +35,7 @@ std::string config(int port, const std::string& gateway = "garage", const std::s
 }
 
 std::unique_ptr<Child> gateway(const std::string& path, const std::string& log = "/dev/null") {
-  return std::make_unique<Child>(
-      std::vector<std::string>{TQBLE_CLI_PATH, "bridge", path, "--backend", "sim"}, log);
+  return std::make_unique<Child>(std::vector<std::string>{TQBLE_CLI_PATH, "bridge", path, "--backend", "sim"}, log);
 }
 
 // The worker process serving `post`, found by its command line; -1 when none.
@@ -48,9 +45,9 @@ pid_t workerOf(const std::string& post) {
   return pgrep.line(pid, Clock::now() + 10s) ? std::stoi(pid) : -1;
 }
 
-std::string userProperty(const Json& message, const char* name) {
-  const Json& p = message["properties"]["user-properties"];
-  return p.contains(name) ? p[name].get<std::string>() : "";
+// The "gateway" user property of a message; empty when it has none.
+std::string gatewayOf(const Json& message) {
+  return message.value("/properties/user-properties/gateway"_json_pointer, "");
 }
 
 std::string payloadOn(Broker& broker, const std::string& topic, std::chrono::milliseconds limit,
@@ -101,7 +98,7 @@ TEST(Bridge, PublishesTheExamplePostForHomeAssistantAndEvcc) {
   broker.barrier();
   for (const Json& m : broker.messages) {
     if (m["topic"].get<std::string>().starts_with("barrier/")) continue;
-    EXPECT_EQ(userProperty(m, "gateway"), "garage") << m["topic"];
+    EXPECT_EQ(gatewayOf(m), "garage") << m["topic"];
   }
 
   // Discovery: every entity named, on the post's device and availability, reading a topic
@@ -130,7 +127,7 @@ TEST(Bridge, PublishesTheExamplePostForHomeAssistantAndEvcc) {
 
   // evcc's definition: each value it reads is there and in its domain; its enable topic starts
   // charging and the values follow.
-  const std::string evcc = slurp(kSource + "/bridge/evcc.yaml");
+  const std::string evcc = slurp(TQBLE_SOURCE_DIR "/bridge/evcc.yaml");
   const std::regex topicLine("topic: (\\S+)");
   int read = 0;
   for (auto it = std::sregex_iterator(evcc.begin(), evcc.end(), topicLine); it != std::sregex_iterator(); ++it) {
@@ -237,7 +234,7 @@ TEST(Bridge, KeepsAHealthyPostGoingWhateverHappensToTheOthers) {
   gw->signal(SIGKILL);
   const auto will = broker.waitOn("tqble/a/availability", 5s, mark, "offline");
   ASSERT_TRUE(will);
-  EXPECT_EQ(userProperty(*will, "gateway"), "garage");
+  EXPECT_EQ(gatewayOf(*will), "garage");
 }
 
 // The broker absent when the gateway first tries it, then restarted under it: the gateway
@@ -259,7 +256,7 @@ TEST(Bridge, OutlivesTheBrokerAndSharesItWithAnotherGateway) {
     for (const char* post : {"n1", "s1"}) {
       const auto state = broker.waitOn(std::string("tqble/") + post + "/state", 15s);
       ASSERT_TRUE(state) << post << " round " << round;
-      EXPECT_EQ(userProperty(*state, "gateway"), post[0] == 'n' ? "north" : "south");
+      EXPECT_EQ(gatewayOf(*state), post[0] == 'n' ? "north" : "south");
     }
     EXPECT_TRUE(broker.waitOn("homeassistant/switch/tqble_n1/charging/config", 10s));
     EXPECT_EQ(Json::parse(payloadOn(broker, "tqble/s1/info", 10s))["gateway"], "south");

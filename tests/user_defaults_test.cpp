@@ -1,16 +1,16 @@
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include "support/LogCapture.h"
 #include "tqble/ZConverTool.h"
@@ -21,22 +21,24 @@ namespace tqble {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace std::chrono_literals;
 
 Value text(const char* t) { return Value{std::string(t)}; }
 
-// A fresh configuration directory per test, whose standard file is file_. The processes
-// that share it are children forked by the test; the parent leaves the shared store alone
-// until they are started, so each begins with its own.
+// A fresh configuration directory per test, whose standard file is file_, watched for files
+// made or renamed in its folder. The processes that share it are children forked by the
+// test; the parent leaves the shared store alone until they are started, so each begins
+// with its own.
 class Defaults : public testing::Test {
  protected:
   void SetUp() override {
     fs::remove_all(dir_);
     fs::create_directories(file_.parent_path());
     ::setenv("XDG_CONFIG_HOME", dir_.c_str(), 1);
+    ::inotify_add_watch(changes_, file_.parent_path().c_str(), IN_CREATE | IN_MOVED_TO);
   }
   void TearDown() override {
     UserDefaults::standardUserDefaults().synchronize();  // nothing left to save at exit
+    ::close(changes_);
     fs::remove_all(dir_);
   }
 
@@ -52,6 +54,12 @@ class Defaults : public testing::Test {
     int status = 0;
     return ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
+  // Waits until a file is made or renamed in file_'s folder (at most 10 s); false if none was.
+  bool folderChanged() const {
+    pollfd changed{changes_, POLLIN, 0};
+    char events[4096];
+    return ::poll(&changed, 1, 10'000) == 1 && ::read(changes_, events, sizeof events) > 0;
+  }
   bool temporaryShows() const {
     for (const auto& entry : fs::directory_iterator(file_.parent_path()))
       if (entry.path().filename().string().find(".tmp.") != std::string::npos) return true;
@@ -62,6 +70,7 @@ class Defaults : public testing::Test {
                         ("tqble-defaults-" + std::to_string(::getpid()) + "-" +
                          testing::UnitTest::GetInstance()->current_test_info()->name());
   const fs::path file_ = dir_ / "tqble" / "tqble_tests.json";
+  const int changes_ = ::inotify_init1(IN_CLOEXEC);
 };
 
 TEST_F(Defaults, EveryKindOfValueSurvivesARestartInTheApplicationsOwnFile) {
@@ -140,8 +149,8 @@ TEST_F(Defaults, ProcessesSharingTheFileLoseNoValueAndKeepEachOthersRemovals) {
   UserDefaults(file_).setObject(std::int64_t{1}, "dropped");
   const pid_t a = spawn(writer("a")), b = spawn(writer("b"));
   EXPECT_EQ(exitCode(b), 0);
-  for (int i = 0; i < 100 && UserDefaults(file_).objectForKey("a149") == Value{}; ++i)
-    std::this_thread::sleep_for(UserDefaults::kSaveDelay / 5);
+  while (UserDefaults(file_).objectForKey("a149") == Value{} && folderChanged()) {
+  }
   ::kill(a, SIGKILL);
   exitCode(a);
   UserDefaults after(file_);
@@ -188,8 +197,8 @@ TEST_F(Defaults, AWriterKilledMidWriteLeavesAGoodFileAndNoTemporaryOne) {
       ZGeneralTool::userDefaultSaveValue(std::string(kSize, c), "big");
   });
   bool caught = false;
-  for (int i = 0; i < 200'000 && !caught; ++i) {
-    while (!temporaryShows() && ++i < 200'000) std::this_thread::sleep_for(50us);
+  for (int i = 0; i < 10'000 && !caught && folderChanged(); ++i) {
+    if (!temporaryShows()) continue;
     ::kill(writer, SIGSTOP);
     ::waitpid(writer, nullptr, WUNTRACED);
     caught = temporaryShows();
