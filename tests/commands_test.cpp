@@ -29,7 +29,6 @@ TEST(CommandArguments, ShapeTheBodyAsThePostReadsIt) {
     issue(*stack.manager);
     EXPECT_EQ(spaced(post->writes.back().data), spaced(hex(frame)));
   }
-  detail::setNowSource(nullptr);
   EXPECT_EQ(post->writes.size(), std::size(cases));
 }
 
@@ -56,7 +55,6 @@ class Command : public testing::TestWithParam<CommandRow> {
  protected:
   // The time sync carries the clock: every frame is issued at the same instant.
   void SetUp() override { detail::setNowSource([] { return 1'700'000'000.2; }); }
-  void TearDown() override { detail::setNowSource(nullptr); }
 };
 
 // Each command records its tag first, then fails locally without a link or a write

@@ -88,7 +88,6 @@ TEST(TextMeasures, HeightIsTheHostsMeasureOrAWrappedEstimateAndPositionsCountUtf
   setTextMeasureHook(
       [](const std::string& t, const Dictionary&, double w) { return w + t.size(); });
   EXPECT_EQ(G::targetStr(std::string("abc"), {}, 42), 45);
-  setTextMeasureHook(nullptr);
   // Positions count UTF-16 units; lists split at every ASCII comma.
   // clang-format off
   const std::tuple<const char*, const char*, std::int32_t> positions[] = {
@@ -109,11 +108,8 @@ TEST(Permissions, RefuseOnlyRestrictedAndDenied) {
     // clang-format on
     setPhotoLibraryAuthorizationProvider([s = status] { return std::int64_t{s}; });
     setCameraAuthorizationProvider([s = status] { return std::int64_t{s}; });
-    EXPECT_EQ(std::pair(G::isOpenLiberyAuthority(), G::isOpenCamaraAuthority()),
-              std::pair(usable, usable));
+    EXPECT_EQ(std::pair(G::isOpenLiberyAuthority(), G::isOpenCamaraAuthority()), std::pair(usable, usable));
   }
-  setPhotoLibraryAuthorizationProvider(nullptr);
-  setCameraAuthorizationProvider(nullptr);
 }
 
 }  // namespace
