@@ -85,7 +85,7 @@ class SimSession {
 template <std::size_t Row>
 void issue(TQBleManager& m) { kCommandRows[Row].issue(m, nullptr); }
 constexpr auto systemInfo = issue<1>, state = issue<5>, stopCharge = issue<7>, history = issue<8>,
-               energy = issue<9>, diagnosis = issue<11>;
+               energy = issue<9>;
 
 /// Names a parameterised case after its `name` field.
 inline constexpr auto caseName = [](const auto& info) { return std::string(info.param.name); };
