@@ -20,21 +20,17 @@ std::string replaced(std::string text, const std::string& from, const std::strin
   return text.replace(at, from.size(), to);
 }
 
-// The shipped example pointed at `port`, polling the state every second; `posts` and `more`
-// take the place of its own [[post]] list.
-std::string config(int port, const std::string& gateway = "garage", const std::string& posts = "",
-                   const std::string& more = "") {
+// `tqble bridge` on the shipped example as gateway `name` pointed at `port`, polling the state
+// every second; `posts` and `more` take the place of its own [[post]] list. Its error output
+// goes to `log`.
+std::unique_ptr<Child> gateway(int port, const std::string& name = "garage", const std::string& posts = "",
+                               const std::string& more = "", const std::string& log = "/dev/null") {
   std::string text = slurp(TQBLE_SOURCE_DIR "/bridge/bridge.example.toml");
-  text = replaced(replaced(text, "port = 1883", "port = " + std::to_string(port) + more), "state = 5 ",
-                  "state = 1 ");
-  text = replaced(text, "gateway = \"garage\"", "gateway = \"" + gateway + "\"");
+  text = replaced(replaced(text, "port = 1883", "port = " + std::to_string(port) + more), "state = 5 ", "state = 1 ");
+  text = replaced(text, "gateway = \"garage\"", "gateway = \"" + name + "\"");
   if (!posts.empty()) text = text.substr(0, text.find("\n[[post]]") + 1) + posts;
-  const std::string path = ::testing::TempDir() + "bridge_" + std::to_string(getpid()) + gateway + ".toml";
+  const std::string path = ::testing::TempDir() + "bridge_" + std::to_string(getpid()) + name + ".toml";
   std::ofstream(path) << text;
-  return path;
-}
-
-std::unique_ptr<Child> gateway(const std::string& path, const std::string& log = "/dev/null") {
   return std::make_unique<Child>(std::vector<std::string>{TQBLE_CLI_PATH, "bridge", path, "--backend", "sim"}, log);
 }
 
@@ -84,7 +80,7 @@ TEST(BridgeConfig, NamesTheLineOfEachMistake) {
 TEST(Bridge, PublishesTheExamplePostForHomeAssistantAndEvcc) {
   Broker broker;
   setenv("TZ", "Asia/Shanghai", 1);  // the post's clock texts are local; the bridge's times are UTC
-  auto gw = gateway(config(broker.port));
+  auto gw = gateway(broker.port);
   unsetenv("TZ");
   ASSERT_TRUE(broker.waitOn("tqble/garage-1/availability", 15s, 0, "online"));
   ASSERT_TRUE(broker.waitOn("tqble/garage-1/errors", 5s));
@@ -150,7 +146,7 @@ TEST(Bridge, PublishesTheExamplePostForHomeAssistantAndEvcc) {
 
 TEST(Bridge, RefusesAThousandMalformedCommandsAndChangesNothing) {
   Broker broker;
-  auto gw = gateway(config(broker.port));
+  auto gw = gateway(broker.port);
   ASSERT_TRUE(broker.waitOn("tqble/garage-1/availability", 15s, 0, "online"));
   const std::size_t mark = broker.messages.size();
   // 250 payloads on each of four topics, one mosquitto_pub per topic.
@@ -199,10 +195,10 @@ TEST(Bridge, RefusesAThousandMalformedCommandsAndChangesNothing) {
 // healthy one out of range and back, its worker killed, and the gateway killed.
 TEST(Bridge, KeepsAHealthyPostGoingWhateverHappensToTheOthers) {
   Broker broker;
-  auto gw = gateway(config(broker.port, "garage",
-                           "[[post]]\nid = \"a\"\nname = \"x\"\n"
-                           "[[post]]\nid = \"b\"\nname = \"x\"\nsimulate = [\"garbage\"]\n"
-                           "[[post]]\nid = \"c\"\nname = \"x\"\nsimulate = [\"mute\"]\n"));
+  auto gw = gateway(broker.port, "garage",
+                    "[[post]]\nid = \"a\"\nname = \"x\"\n"
+                    "[[post]]\nid = \"b\"\nname = \"x\"\nsimulate = [\"garbage\"]\n"
+                    "[[post]]\nid = \"c\"\nname = \"x\"\nsimulate = [\"mute\"]\n");
   ASSERT_TRUE(broker.waitOn("tqble/a/availability", 15s, 0, "online"));
   std::size_t mark = broker.messages.size();
   for (int i = 0; i < 3; ++i) {  // three more readings while the others struggle
@@ -246,8 +242,8 @@ TEST(Bridge, OutlivesTheBrokerAndSharesItWithAnotherGateway) {
   Broker broker("allow_anonymous false\npassword_file " + passwd + "\n", {"-u", "tqble", "-P", "s3cret-pw"});
   const std::string credentials = "\nusername = \"tqble\"\npassword = \"s3cret-pw\"";
   broker.stop();
-  auto north = gateway(config(broker.port, "north", "[[post]]\nid = \"n1\"\nname = \"x\"\n", credentials), "");
-  auto south = gateway(config(broker.port, "south", "[[post]]\nid = \"s1\"\nname = \"x\"\n", credentials));
+  auto north = gateway(broker.port, "north", "[[post]]\nid = \"n1\"\nname = \"x\"\n", credentials, "");
+  auto south = gateway(broker.port, "south", "[[post]]\nid = \"s1\"\nname = \"x\"\n", credentials);
   std::string log, line;
   while (log.find("connecting to broker") == std::string::npos && north->line(line, Clock::now() + 10s))
     log += line + "\n";
