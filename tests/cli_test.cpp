@@ -16,15 +16,21 @@ namespace {
 
 using namespace std::chrono_literals;
 
+using nlohmann::json;
+
+// Runs `command` in the shell, in the folder of the captures, where $TQBLE is the built tool.
+Outcome run(const std::string& command) {
+  return shell("cd " TQBLE_SOURCE_DIR "/tests/captures && TQBLE=" TQBLE_CLI_PATH "; " + command);
+}
+
 // Runs a table of (shell command, exit status, the whole output or after '~' a part of it, the
 // whole error output).
 using Cases = std::vector<std::tuple<std::string, int, std::string, std::string>>;
 void expectRuns(const Cases& cases) {
   for (const auto& [command, status, out, err] : cases) {
-    const Outcome run = shell("TQBLE=" TQBLE_CLI_PATH "; " + command);
-    EXPECT_EQ(std::pair(run.status, run.err), std::pair(status, err)) << command;
-    EXPECT_TRUE(out[0] == '~' ? run.out.find(out.substr(1)) != std::string::npos : run.out == out)
-        << command << "\n" << run.out;
+    const Outcome r = run(command);
+    EXPECT_EQ(std::pair(r.status, r.err), std::pair(status, err)) << command;
+    EXPECT_TRUE(out[0] == '~' ? r.out.find(out.substr(1)) != std::string::npos : r.out == out) << command << "\n" << r.out;
   }
 }
 
@@ -113,14 +119,8 @@ TEST(CommandLineTool, WatchesTheStateUntilInterrupted) {
   EXPECT_NE(first.find("\"gun_state\":\"plugged_in\",\"gun_code\":1,\"fault\":null"), std::string::npos) << first;
 }
 
-using nlohmann::json;
-const std::string kCaptures = TQBLE_SOURCE_DIR "/tests/captures";
-
-// Runs `command` in the folder of the captures.
-Outcome run(const std::string& command) { return shell("cd " + kCaptures + " && " + command); }
-
 json timeline(const std::string& arguments) {
-  const Outcome r = run(std::string(TQBLE_CLI_PATH) + " capture --json " + arguments);
+  const Outcome r = run("$TQBLE capture --json " + arguments);
   EXPECT_EQ(r.status, 0) << r.err;
   return json::parse(r.out);
 }
@@ -217,25 +217,18 @@ TEST(Capture, KeepsOnlyThePostsTrafficAmongOtherDevicesInAnH4Log) {
 }
 
 TEST(Capture, RefusesBadFilesWithTheRecordAndOffsetAndReadsStandardInput) {
-  const std::string tool = TQBLE_CLI_PATH;
-  const std::vector<std::pair<std::string, std::string>> cases = {
-      {tool + " capture truncated.btsnoop",
-       "tqble capture: record 200 at offset 13653: truncated: the record holds 136 bytes, the "
-       "file has 3 left\n"},
-      {tool + " capture corrupted-record.btsnoop",
+  expectRuns({
+      {"$TQBLE capture truncated.btsnoop", 1, "",
+       "tqble capture: record 200 at offset 13653: truncated: the record holds 136 bytes, the file has 3 left\n"},
+      {"$TQBLE capture corrupted-record.btsnoop", 1, "",
        "tqble capture: record 100 at offset 6937: corrupted: 16777215 bytes included of 11\n"},
-      {"head -c 30 radio-commands.btsnoop | " + tool + " capture -",
-       "tqble capture: record 1 at offset 16: truncated: 14 bytes left of a 24-byte record "
-       "header\n"},
-      {tool + " capture README.md",
+      {"head -c 30 radio-commands.btsnoop | $TQBLE capture -", 1, "",
+       "tqble capture: record 1 at offset 16: truncated: 14 bytes left of a 24-byte record header\n"},
+      {"$TQBLE capture README.md", 1, "",
        "tqble capture: not a btsnoop file: it does not begin with the 16-byte btsnoop header\n"},
-  };
-  for (const auto& [command, err] : cases) {
-    const Outcome r = run(command);
-    EXPECT_EQ(std::pair(r.status, r.err), std::pair(1, err)) << command;
-  }
-  const Outcome piped = run("cat wrong-checksum.btsnoop | " + tool + " capture - --json");
-  EXPECT_EQ(json::parse(piped.out), timeline("wrong-checksum.btsnoop"));
+  });
+  EXPECT_EQ(json::parse(run("cat wrong-checksum.btsnoop | $TQBLE capture - --json").out),
+            timeline("wrong-checksum.btsnoop"));
 }
 
 TEST(Capture, WiresharkDissectorShowsCommandsChecksumsAndReassembledAnswers) {
