@@ -38,7 +38,6 @@ class Defaults : public testing::Test {
   }
   void TearDown() override {
     UserDefaults::standardUserDefaults().synchronize();  // nothing left to save at exit
-    ::close(changes_);
     fs::remove_all(dir_);
   }
 
@@ -129,25 +128,28 @@ TEST_F(Defaults, SavedValuesAreWrittenAtOnceAndEmptyMeansFirst) {
 // timer ran; the child, which has no timer of its parent's, saves at its own exit.
 TEST_F(Defaults, ProcessesSharingTheFileLoseNoValueAndKeepEachOthersRemovals) {
   constexpr int kKeys = 150;
-  const auto writer = [](std::string name) {
-    return [name] {
-      auto& defaults = UserDefaults::standardUserDefaults();
-      if (name == "a") defaults.removeObjectForKey("dropped");
-      for (int i = 0; i < kKeys; ++i) {
-        defaults.setObject(std::int64_t{i}, name + std::to_string(i));
-        if (i % 10 == 0) defaults.synchronize();
-      }
-      if (name == "a") return ::pause();
-      return exitCode(spawn([] {
-        ::alarm(10);  // ends it if it hangs at exit
-        ZGeneralTool::savePageFlag("forked");
-        return 0;
-      }));
-    };
+  const auto write = [](const std::string& name) {
+    auto& defaults = UserDefaults::standardUserDefaults();
+    for (int i = 0; i < kKeys; ++i) {
+      defaults.setObject(std::int64_t{i}, name + std::to_string(i));
+      if (i % 10 == 0) defaults.synchronize();
+    }
   };
   UserDefaults(file_).setObject(std::int64_t{1}, "kept");
   UserDefaults(file_).setObject(std::int64_t{1}, "dropped");
-  const pid_t a = spawn(writer("a")), b = spawn(writer("b"));
+  const pid_t a = spawn([&] {
+    UserDefaults::standardUserDefaults().removeObjectForKey("dropped");
+    write("a");
+    return ::pause();
+  });
+  const pid_t b = spawn([&] {
+    write("b");
+    return exitCode(spawn([] {
+      ::alarm(10);  // ends it if it hangs at exit
+      ZGeneralTool::savePageFlag("forked");
+      return 0;
+    }));
+  });
   EXPECT_EQ(exitCode(b), 0);
   while (UserDefaults(file_).objectForKey("a149") == Value{} && folderChanged()) {
   }
