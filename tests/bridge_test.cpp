@@ -85,8 +85,7 @@ TEST(Bridge, PublishesTheExamplePostForHomeAssistantAndEvcc) {
   ASSERT_TRUE(broker.waitOn("tqble/garage-1/availability", 15s, 0, "online"));
   ASSERT_TRUE(broker.waitOn("tqble/garage-1/errors", 5s));
   const Json state = Json::parse(payloadOn(broker, "tqble/garage-1/state", 5s));
-  EXPECT_EQ(state["gun_state"], "plugged_in");
-  EXPECT_EQ(state["fault"], "none");
+  EXPECT_EQ(std::pair(state["gun_state"], state["fault"]), std::pair(Json("plugged_in"), Json("none")));
   const Json sessions = Json::parse(payloadOn(broker, "tqble/garage-1/sessions", 5s))["sessions"];
   ASSERT_EQ(sessions.size(), 2u);
   EXPECT_EQ(sessions[0]["start"], "2023-11-13T18:26:40Z");
@@ -109,10 +108,8 @@ TEST(Bridge, PublishesTheExamplePostForHomeAssistantAndEvcc) {
     EXPECT_EQ(c["availability_topic"], "tqble/garage-1/availability");
     EXPECT_EQ(c["device"]["identifiers"][0], "tqble_garage-1");
     EXPECT_TRUE(!c.contains("state_topic") || broker.waitOn(c["state_topic"], 1s)) << c["state_topic"];
-    if (c.value("device_class", "") == "energy") {
-      EXPECT_EQ(c["state_class"], "total_increasing");
-      EXPECT_EQ(c["unit_of_measurement"], "kWh");
-    }
+    EXPECT_TRUE(c.value("device_class", "") != "energy" ||
+                (c["state_class"] == "total_increasing" && c["unit_of_measurement"] == "kWh")) << topic;
   }
   EXPECT_EQ(components, (std::set<std::string>{"button", "number", "sensor", "switch"}));
   std::size_t mark = broker.messages.size();
@@ -186,7 +183,8 @@ TEST(Bridge, RefusesAThousandMalformedCommandsAndChangesNothing) {
   std::set<std::string> before;  // every volume and gun state published before it
   for (std::size_t i = 0; i < good; ++i) {
     const std::string topic = broker.messages[i]["topic"];
-    if (topic.ends_with("/volume") || topic.ends_with("/status")) before.insert(topic + " " + std::string(broker.messages[i]["payload"]));
+    if (topic.ends_with("/volume") || topic.ends_with("/status"))
+      before.insert(topic + " " + broker.messages[i]["payload"].get<std::string>());
   }
   EXPECT_EQ(before, (std::set<std::string>{"tqble/garage-1/status B", "tqble/garage-1/volume 5"}));
 }

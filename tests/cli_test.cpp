@@ -206,8 +206,7 @@ TEST(Capture, KeepsOnlyThePostsTrafficAmongOtherDevicesInAnH4Log) {
   EXPECT_EQ(state["answer"]["values"]["current_a"], 31.8);
   EXPECT_EQ(state["warnings"], json::array());
   EXPECT_EQ(t["exchanges"][1]["request"], nullptr);
-  EXPECT_EQ(t["exchanges"][1]["warnings"],
-            json({"an answer with no request: the manager ignores it"}));
+  EXPECT_EQ(t["exchanges"][1]["warnings"], json({"an answer with no request: the manager ignores it"}));
 
   // Given handles fill the link without discovery: the other device's look-alike frames
   // are then answers nobody asked for.

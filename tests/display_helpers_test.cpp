@@ -50,8 +50,7 @@ TEST_F(DeviceClock, DateTextsUseTheExactPatternsAndTheCalendarYearInTheDevicesTi
     at(0, tz);
     EXPECT_EQ(G::coverToDatematterFromTimeInterval(t) + "|" + C::converYearmonth(t) + "|" +
                   G::coverToDateMinitematterFromTimeInterval(t) + "|" + C::timeStr(t + 0.9) + "|" +
-                  C::finishTimeStr(t) + "|" + C::startTimeWith(static_cast<std::int32_t>(t)),
-              texts);
+                  C::finishTimeStr(t) + "|" + C::startTimeWith(static_cast<std::int32_t>(t)), texts);
     // A written post time parses back in the same zone, with the written year.
     const std::string written = G::coverToBleDatematterFromTimeInterval(t);
     EXPECT_EQ(G::cTimestampFromString(written), std::to_string(t)) << written;
@@ -132,9 +131,8 @@ TEST(Durations, AreWrittenInHoursAndMinutesTruncatedAndReadBeforeEachMark) {
   ZConverTool tool;
   for (const auto& [n, texts] : cases) {
     const auto s = static_cast<std::int32_t>(n);
-    EXPECT_EQ(C::timeWithChargeDuration(s) + "|" + C::converWitnNum(s) + "|" +
-                  tool.convertTimeWhihNum(s) + "|" + C::converHourAndMinuteWith(s),
-              texts);
+    EXPECT_EQ(C::timeWithChargeDuration(s) + "|" + C::converWitnNum(s) + "|" + tool.convertTimeWhihNum(s) + "|" +
+                  C::converHourAndMinuteWith(s), texts);
   }
   EXPECT_EQ(C::converHourAndMinuteWith(360'000'000'000), "100000000时0分");
   EXPECT_EQ(C::maptimeWithChargeDuration(-119), "-1");
@@ -145,11 +143,9 @@ TEST(Durations, AreWrittenInHoursAndMinutesTruncatedAndReadBeforeEachMark) {
       {"2时30分", 9000, 2, 30}, {"时分", 0, 0, 0}, {"-1时30分", -1800, -1, 30},
       {"2小时30分钟", 9000, 2, 30}, {"3时x分", 10800, 3, 0}};  // text after digits is ignored
   // clang-format on
-  for (const auto& [text, seconds, hours, minutes] : readings) {
-    EXPECT_EQ(C::converTimeWith(std::string(text)), seconds) << text;
-    EXPECT_EQ(C::subHourMinuteWithTimeStr(std::string(text), 0), hours) << text;
-    EXPECT_EQ(C::subHourMinuteWithTimeStr(std::string(text), 9), minutes) << text;
-  }
+  for (const auto& [text, seconds, hours, minutes] : readings)
+    EXPECT_EQ(std::tuple(C::converTimeWith(std::string(text)), C::subHourMinuteWithTimeStr(std::string(text), 0),
+                         C::subHourMinuteWithTimeStr(std::string(text), 9)), std::tuple(seconds, hours, minutes)) << text;
   EXPECT_EQ(C::converTimeWith(std::nullopt) + C::subHourMinuteWithTimeStr(std::nullopt, 0), 0);
   for (const char* text : {"230分", "2时30", "2時30分"})
     EXPECT_THROW((void)C::converTimeWith(std::string(text)), std::out_of_range) << text;
@@ -304,8 +300,7 @@ TEST(TextMeasures, HeightIsTheHostsMeasureOrAWrappedEstimateAndPositionsCountUtf
   for (const auto& [text, width, height] : estimates)
     EXPECT_DOUBLE_EQ(G::targetStr(std::string(text), font, width), height) << text;
   EXPECT_EQ(G::targetStr(std::nullopt, {}, 100), 0);
-  setTextMeasureHook(
-      [](const std::string& t, const Dictionary&, double w) { return w + t.size(); });
+  setTextMeasureHook([](const std::string& t, const Dictionary&, double w) { return w + t.size(); });
   EXPECT_EQ(G::targetStr(std::string("abc"), {}, 42), 45);
   // Positions count UTF-16 units; lists split at every ASCII comma.
   // clang-format off

@@ -33,10 +33,7 @@ TEST(MainQueue, VirtualClockRunsDelayedTasksInDueOrderAndRunUntilStopsAtTheCondi
   EXPECT_EQ(order, (std::vector<std::string>{"now", "1s", "queued by 1s", "3s", "3s second"}));
   EXPECT_EQ(queue.pending(), 0u);
   int ticks = 0;
-  std::function<void()> tick = [&] {
-    ++ticks;
-    queue.asyncAfter(100ms, tick);
-  };
+  std::function<void()> tick = [&] { ++ticks, queue.asyncAfter(100ms, tick); };
   queue.async(tick);
   EXPECT_TRUE(queue.runUntil([&] { return ticks == 5; }, 10s));
   EXPECT_EQ(queue.now() - start, 3400ms);

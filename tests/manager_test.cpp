@@ -97,7 +97,7 @@ TEST(Delegate, ThatImplementsNothingOrWasReleasedReceivesNothingAndNothingFails)
     stack.manager->centralManagerDidUpdateState(*stack.central);
     stack.manager->didDiscoverPeripheral(*stack.central, post, {}, -60);
     stack.manager->didWriteValueForCharacteristic(post, stack.write, std::nullopt);
-    stack.notify(post, test::hex("68 b0 00 00 01 00 00 d9 00"));
+    stack.notify(post, hex("68 b0 00 00 01 00 00 d9 00"));
     stack.manager->didDisconnectPeripheral(*stack.central, post, std::nullopt);
     stack.manager->didFailToConnectPeripheral(*stack.central, post, std::nullopt);
     stack.manager->setDelegate(empty);
@@ -114,15 +114,11 @@ TEST(Delegate, GetsOnlyTheCallbacksItImplementsAndIsReadAfreshBeforeEach) {
     calls.push_back("first connect");
     m.setDelegate(second);
   };
-  first->didDisconnectPeripheral = [&](TQBleManager&, const auto&, const auto&) {
-    calls.push_back("first disconnect");
-  };
-  second->didDisconnectPeripheral = [&](TQBleManager&, const auto&, const auto&) {
-    calls.push_back("second disconnect");
-  };
+  first->didDisconnectPeripheral = [&](auto&, const auto&, const auto&) { calls.push_back("first disconnect"); };
+  second->didDisconnectPeripheral = [&](auto&, const auto&, const auto&) { calls.push_back("second disconnect"); };
   stack.manager->setDelegate(first);
   auto post = stack.connectReadyPost();
-  stack.notify(post, test::hex("00"));
+  stack.notify(post, hex("00"));
   stack.manager->didDisconnectPeripheral(*stack.central, post, std::nullopt);
   EXPECT_EQ(calls, (std::vector<std::string>{"first connect", "second disconnect"}));
 }

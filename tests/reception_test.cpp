@@ -85,10 +85,8 @@ TEST(AnswerTap, SeesEachCompleteAnswerOnceWithItsTagAndMayBeRemovedFromWithin) {
   s.connectAndSettle();
   int selfRemoving = 0;
   std::uint64_t self = 0;
-  self = s.manager->addAnswerObserver([&](std::int64_t, const Bytes&) {
-    ++selfRemoving;
-    s.manager->removeAnswerObserver(self);
-  });
+  self = s.manager->addAnswerObserver(
+      [&](std::int64_t, const Bytes&) { ++selfRemoving, s.manager->removeAnswerObserver(self); });
   std::vector<std::pair<std::int64_t, std::size_t>> seen;
   const auto token = s.manager->addAnswerObserver(
       [&seen](std::int64_t tag, const Bytes& answer) { seen.emplace_back(tag, answer.size()); });

@@ -60,9 +60,9 @@ class Defaults : public testing::Test {
     return ::poll(&changed, 1, 10'000) == 1 && ::read(changes_, events, sizeof events) > 0;
   }
   bool temporaryShows() const {
-    for (const auto& entry : fs::directory_iterator(file_.parent_path()))
-      if (entry.path().filename().string().find(".tmp.") != std::string::npos) return true;
-    return false;
+    return std::any_of(fs::directory_iterator(file_.parent_path()), {}, [](const auto& entry) {
+      return entry.path().filename().string().find(".tmp.") != std::string::npos;
+    });
   }
 
   const fs::path dir_ = fs::temp_directory_path() /
@@ -98,8 +98,7 @@ TEST_F(Defaults, ADamagedFileIsMovedAsideReportedAndNeverOverwritten) {
     test::LogCapture log;
     EXPECT_EQ(UserDefaults(file_).objectForKey("k"), Value{}) << damaged[i];
     EXPECT_FALSE(fs::exists(file_));
-    EXPECT_TRUE(log.lines.size() == 1 &&
-                log.lines[0].find(file_.string() + asides[i]) != std::string::npos);
+    EXPECT_TRUE(log.lines.size() == 1 && log.lines[0].find(file_.string() + asides[i]) != std::string::npos);
     std::ifstream aside(file_.string() + asides[i]);  // each aside keeps its own text
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(aside), {}), damaged[i]);
   }

@@ -64,9 +64,7 @@ class Child {
     wait();
     ::close(out_);
   }
-  void signal(int number) {
-    if (pid_ > 0) ::kill(pid_, number);
-  }
+  void signal(int number) { if (pid_ > 0) ::kill(pid_, number); }
   /// Waits for the exit; returns the status word.
   int wait() {
     int status = 0;

@@ -58,10 +58,7 @@ class SimSession {
     return peripheral;
   }
 
-  void clearLog() {
-    log.clear();
-    errors.clear();
-  }
+  void clearLog() { log.clear(), errors.clear(); }
 
   /// Gives one command's answer and delegate calls time to arrive.
   void settle() { run(500ms); }
@@ -70,9 +67,7 @@ class SimSession {
   void command(void (*call)(TQBleManager&)) { call(*manager), settle(); }
 
   /// An error handler for a command that records into `errors`.
-  TQErrorHandler onError() {
-    return [this](const TQError& e) { errors.push_back(e); };
-  }
+  TQErrorHandler onError() { return [this](const TQError& e) { errors.push_back(e); }; }
 
   std::shared_ptr<sim::VirtualPost> post;
   std::shared_ptr<TQBleManager> manager;
