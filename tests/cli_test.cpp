@@ -163,6 +163,7 @@ TEST(Capture, RadioRunReadsAsTheTwelveCommandsWithTheAnswersTheManagerDecoded) {
   // The typed values of the post's answers to the scenario's settings and queries.
   for (int i : {1, 3, 4, 5, 8}) EXPECT_EQ(app[i]["answer"]["values"], json({{"accepted", true}, {"result_type", 0}}));
   EXPECT_EQ(app[0]["answer"]["values"]["manufacturer"], "Velmora");
+  EXPECT_EQ(app[0]["answer"]["values"]["firmware_version"], "1.2.10");
   EXPECT_EQ(app[6]["answer"]["values"]["voltage_v"], 220.0);
   EXPECT_EQ(app[6]["answer"]["values"]["gun_state"], "charging");
   EXPECT_EQ(app[6]["pieces"].size(), 2u);  // 20 + 6 bytes

@@ -49,7 +49,7 @@ class Child {
     pid_ = ::fork();
     if (pid_ == 0) {
       ::dup2(fds[1], 1);
-      ::dup2(errFile.empty() ? fds[1] : ::open(errFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 2);
+      ::dup2(errFile.empty() ? fds[1] : ::open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
       std::vector<char*> args;
       for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
       args.push_back(nullptr);
