@@ -111,40 +111,14 @@ Mqtt::Mqtt(const MqttSettings& s, const std::string& clientId, const std::string
   mosquitto_reconnect_delay_set(mosq_, 1, 4, true);
   log("connecting to broker %s%s%s%s", endpoint_.c_str(), s.caFile.empty() ? "" : " over TLS",
       s.username.empty() ? "" : " as ", s.username.c_str());
-  // Once connected, the network thread keeps reconnecting with backoff by itself.
+  // While the broker is absent the network thread keeps trying, with backoff. It starts
+  // first: started after a refused first attempt, it would wait for that attempt forever.
+  check(mosquitto_loop_start(mosq_), "network thread");
   const int rc = mosquitto_connect_async(mosq_, s.host.c_str(), s.port, s.keepAlive);
-  if (rc == MOSQ_ERR_SUCCESS) {
-    check(mosquitto_loop_start(mosq_), "network thread");
-  } else if (rc == MOSQ_ERR_ERRNO) {
-    firstConnection_ = std::thread(&Mqtt::firstConnection, this, s.host, s.port, s.keepAlive);
-  } else {
-    check(rc, "broker address");
-  }
-}
-
-// libmosquitto's network thread never retries a first connection that failed at once (no
-// broker listening yet): it waits for it forever. Until one succeeds, this thread asks
-// again, with the network thread's own backoff, and then hands over to it.
-void Mqtt::firstConnection(std::string host, int port, int keepAlive) {
-  for (auto delay = std::chrono::seconds(1);; delay = std::min(delay * 2, std::chrono::seconds(4))) {
-    {
-      std::unique_lock lock(mutex_);
-      if (closed_.wait_for(lock, delay, [this] { return closing_; })) return;
-    }
-    if (mosquitto_connect_async(mosq_, host.c_str(), port, keepAlive) == MOSQ_ERR_SUCCESS) {
-      mosquitto_loop_start(mosq_);
-      return;
-    }
-  }
+  if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_ERRNO) check(rc, "broker address");
 }
 
 Mqtt::~Mqtt() {
-  {
-    std::lock_guard lock(mutex_);
-    closing_ = true;
-  }
-  closed_.notify_all();
-  if (firstConnection_.joinable()) firstConnection_.join();
   mosquitto_disconnect_v5(mosq_, 0, nullptr);
   mosquitto_loop_stop(mosq_, false);
   mosquitto_destroy(mosq_);

@@ -10,7 +10,6 @@
 #include <map>
 #include <mutex>
 #include <string>
-#include <thread>
 
 #include "Config.h"
 
@@ -55,7 +54,6 @@ class Mqtt {
  private:
   friend struct MqttCallbacks;
   void send(const std::string& topic, const std::string& payload, bool retain);
-  void firstConnection(std::string host, int port, int keepAlive);
 
   mosquitto* mosq_ = nullptr;
   std::string gateway_;
@@ -68,9 +66,6 @@ class Mqtt {
   bool up_ = false;
   std::condition_variable sent_;
   int unacknowledged_ = 0;  // QoS 1 messages not yet acknowledged by the broker
-  bool closing_ = false;
-  std::condition_variable closed_;
-  std::thread firstConnection_;  // retries a first connection the broker refused
 };
 
 }  // namespace tqble::bridge

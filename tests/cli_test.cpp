@@ -1,30 +1,26 @@
+// The tqble tool as its users run it: its exact frames, decodings, texts and failures, its
+// client commands against the simulated post, and `tqble capture` on captures recorded in
+// the radio guest and made by hand (with the Wireshark dissector on the same files when
+// tshark is installed).
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
-#include <string>
+#include <nlohmann/json.hpp>
 #include <tuple>
-#include <vector>
 
+#include "support/Commands.h"
+#include "support/Processes.h"
+
+namespace tqble::test {
 namespace {
 
-std::string slurp(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
+using namespace std::chrono_literals;
 
-// Runs `command` in the shell, where $TQBLE is the built tool: exit status, output, error
-// output. CTest runs tests side by side, so each process gets files of its own.
-std::tuple<int, std::string, std::string> shell(const std::string& command) {
-  const std::string path = ::testing::TempDir() + "tqble_cli_" + std::to_string(getpid());
-  const std::string script = "TQBLE=" + std::string(TQBLE_CLI_PATH) + "; " + command;
-  const int wait = std::system(("(" + script + ") >" + path + ".out 2>" + path + ".err").c_str());
-  return {WIFEXITED(wait) ? WEXITSTATUS(wait) : -1, slurp(path + ".out"), slurp(path + ".err")};
+using nlohmann::json;
+
+// Runs `command` in the shell, in the folder of the captures, where $TQBLE is the built tool.
+Outcome run(const std::string& command) {
+  return shell("cd " TQBLE_SOURCE_DIR "/tests/captures && TQBLE=" TQBLE_CLI_PATH "; " + command);
 }
 
 // Runs a table of (shell command, exit status, the whole output or after '~' a part of it, the
@@ -32,11 +28,9 @@ std::tuple<int, std::string, std::string> shell(const std::string& command) {
 using Cases = std::vector<std::tuple<std::string, int, std::string, std::string>>;
 void expectRuns(const Cases& cases) {
   for (const auto& [command, status, out, err] : cases) {
-    const auto [runStatus, runOut, runErr] = shell(command);
-    EXPECT_EQ(std::pair(runStatus, runErr), std::pair(status, err)) << command;
-    EXPECT_TRUE(out[0] == '~' ? runOut.find(out.substr(1)) != std::string::npos : runOut == out)
-        << command << "\n"
-        << runOut;
+    const Outcome r = run(command);
+    EXPECT_EQ(std::pair(r.status, r.err), std::pair(status, err)) << command;
+    EXPECT_TRUE(out[0] == '~' ? r.out.find(out.substr(1)) != std::string::npos : r.out == out) << command << "\n" << r.out;
   }
 }
 
@@ -114,15 +108,142 @@ TEST(CommandLineTool, AsksTheSimulatedPostThroughTheClient) {
 }
 
 TEST(CommandLineTool, WatchesTheStateUntilInterrupted) {
-  // Interrupted once two states are out (waited for, at most 60 s), never after a fixed time.
-  const auto [status, out, err] = shell(
-      "f=$(mktemp); $TQBLE watch - --every 0.5 >$f & pid=$!; i=0;"
-      "while [ $(wc -l <$f) -lt 2 ] && [ $i -lt 1200 ]; do sleep 0.05; i=$((i+1)); done;"
-      "kill -INT $pid; wait $pid; s=$?; cat $f; rm $f; exit $s");
-  EXPECT_EQ(status, 0) << err;
-  EXPECT_EQ(err, "");
-  EXPECT_GE(std::count(out.begin(), out.end(), '\n'), 2) << out;
-  EXPECT_NE(out.find("\"gun_state\":\"plugged_in\",\"gun_code\":1,\"fault\":null"), std::string::npos) << out;
+  const std::string err = ::testing::TempDir() + "tqble_watch_" + std::to_string(getpid()) + ".err";
+  Child watch({TQBLE_CLI_PATH, "watch", "-", "--every", "0.5"}, err);
+  std::string first, second;
+  ASSERT_TRUE(watch.line(first, Clock::now() + 60s) && watch.line(second, Clock::now() + 60s));
+  watch.signal(SIGINT);  // once two states are out
+  const int status = watch.wait();
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_EQ(slurp(err), "");
+  EXPECT_NE(first.find("\"gun_state\":\"plugged_in\",\"gun_code\":1,\"fault\":null"), std::string::npos) << first;
+}
+
+json timeline(const std::string& arguments) {
+  const Outcome r = run("$TQBLE capture --json " + arguments);
+  EXPECT_EQ(r.status, 0) << r.err;
+  return json::parse(r.out);
+}
+
+// The exchanges of one link (the app's side is link 2: adapter 1).
+std::vector<json> exchangesOf(const json& t, int link) {
+  std::vector<json> list;
+  for (const auto& e : t["exchanges"])
+    if (e["link"] == link) list.push_back(e);
+  return list;
+}
+
+TEST(Capture, RadioRunReadsAsTheTwelveCommandsWithTheAnswersTheManagerDecoded) {
+  const json t = timeline("radio-commands.btsnoop");
+  ASSERT_EQ(t["links"].size(), 2u);
+  for (const auto& link : t["links"]) {
+    EXPECT_EQ(std::pair(link["writeHandle"], link["notifyHandle"]), std::pair(json("0x001A"), json("0x0017")));
+    EXPECT_TRUE(link["discovered"]);
+  }
+  const auto app = exchangesOf(t, 2);
+  const auto post = exchangesOf(t, 1);
+  // The automatic system-information query first, then the scenario's rows of the command
+  // table, each named by its code (0xB5 twice).
+  std::vector<std::string> commands, expected{"querySystemInfoWithError"};
+  for (const auto& e : app) commands.push_back(e["command"]);
+  for (const auto& row : kCommandRows)
+    expected.push_back(std::find_if(kCommandRows, std::end(kCommandRows), [&](auto& r) { return r.code == row.code; })->name);
+  EXPECT_EQ(commands, expected);
+  ASSERT_EQ(post.size(), app.size());
+  for (std::size_t i = 0; i < app.size(); ++i) {
+    const json& e = app[i];
+    EXPECT_EQ(e["warnings"], json::array()) << i;
+    ASSERT_TRUE(e["answer"].is_object()) << i;
+    // Both ends of the link saw the same request and the same answer.
+    EXPECT_EQ(e["request"]["bytes"], post[i]["request"]["bytes"]) << i;
+    EXPECT_EQ(e["answer"]["bytes"], post[i]["answer"]["bytes"]) << i;
+    const double last = e["pieces"].back()["time"];
+    EXPECT_DOUBLE_EQ(e["answer"]["latency"].get<double>(), last - e["request"]["time"].get<double>());
+  }
+  // The typed values of the post's answers to the scenario's settings and queries.
+  for (int i : {1, 3, 4, 5, 8}) EXPECT_EQ(app[i]["answer"]["values"], json({{"accepted", true}, {"result_type", 0}}));
+  EXPECT_EQ(app[0]["answer"]["values"]["manufacturer"], "Velmora");
+  EXPECT_EQ(app[0]["answer"]["values"]["firmware_version"], "1.2.10");
+  EXPECT_EQ(app[6]["answer"]["values"]["voltage_v"], 220.0);
+  EXPECT_EQ(app[6]["answer"]["values"]["gun_state"], "charging");
+  EXPECT_EQ(app[6]["pieces"].size(), 2u);  // 20 + 6 bytes
+  EXPECT_EQ(app[9]["answer"]["values"].size(), 1u);  // the session just stopped
+  EXPECT_EQ(app[10]["answer"]["values"], json({{"energy_total_kwh", 120.001}}));
+  EXPECT_EQ(app[11]["answer"]["values"], json::array());
+  EXPECT_EQ(app[12]["answer"]["values"]["firmware_version"], "1.2.10");
+  EXPECT_EQ(app[12]["answer"]["cmdType"], 13);
+}
+
+TEST(Capture, FlagsALostPieceAndAWrongChecksum) {
+  const json lost = timeline("radio-lost-piece.btsnoop");
+  const auto app = exchangesOf(lost, 2);
+  ASSERT_EQ(app.size(), 1u);
+  EXPECT_EQ(app[0]["answer"], nullptr);
+  EXPECT_EQ(app[0]["warnings"], json({"the answer is incomplete by the end of the capture: 47 bytes "
+                                      "gathered, the length field announces 67: a piece is lost"}));
+
+  const json bad = timeline("wrong-checksum.btsnoop");
+  std::vector<json> flagged;
+  for (const auto& e : bad["exchanges"])
+    if (!e["warnings"].empty()) flagged.push_back(e);
+  ASSERT_EQ(flagged.size(), 1u);  // only the app's side received the changed byte
+  EXPECT_EQ(flagged[0]["link"], 2);
+  EXPECT_EQ(flagged[0]["command"], "synchroTimeWithError");
+  EXPECT_EQ(flagged[0]["warnings"], json({"checksum is 0xD8, not 0xD9"}));
+  // The manager checks no checksum: the answer is decoded all the same.
+  EXPECT_EQ(flagged[0]["answer"]["values"], json({{"accepted", true}, {"result_type", 0}}));
+}
+
+TEST(Capture, KeepsOnlyThePostsTrafficAmongOtherDevicesInAnH4Log) {
+  const json t = timeline("mixed-devices.btsnoop");
+  EXPECT_EQ(t["datalink"], 1002);
+  EXPECT_EQ(t["links"][1]["peer"], "C4:7C:8D:6A:3B:21");
+  EXPECT_EQ(t["notes"], json({"link 2: 2 ATT values, but the capture has no discovery of FFF3 and "
+                              "FFF4: give their handles"}));
+  ASSERT_EQ(t["exchanges"].size(), 2u);
+  const json& state = t["exchanges"][0];
+  // A notification split over two ACL fragments, then an indication: 20 + 6 bytes.
+  EXPECT_EQ(state["pieces"].size(), 2u);
+  EXPECT_EQ(state["answer"]["values"]["current_a"], 31.8);
+  EXPECT_EQ(state["warnings"], json::array());
+  EXPECT_EQ(t["exchanges"][1]["request"], nullptr);
+  EXPECT_EQ(t["exchanges"][1]["warnings"], json({"an answer with no request: the manager ignores it"}));
+
+  // Given handles fill the link without discovery: the other device's look-alike frames
+  // are then answers nobody asked for.
+  const json given = timeline("mixed-devices.btsnoop --write-handle 0x21 --notify-handle 35");
+  EXPECT_EQ(given["exchanges"].size(), 4u);
+  EXPECT_EQ(given["notes"], json::array());
+}
+
+TEST(Capture, RefusesBadFilesWithTheRecordAndOffsetAndReadsStandardInput) {
+  expectRuns({
+      {"$TQBLE capture truncated.btsnoop", 1, "",
+       "tqble capture: record 200 at offset 13653: truncated: the record holds 136 bytes, the file has 3 left\n"},
+      {"$TQBLE capture corrupted-record.btsnoop", 1, "",
+       "tqble capture: record 100 at offset 6937: corrupted: 16777215 bytes included of 11\n"},
+      {"head -c 30 radio-commands.btsnoop | $TQBLE capture -", 1, "",
+       "tqble capture: record 1 at offset 16: truncated: 14 bytes left of a 24-byte record header\n"},
+      {"$TQBLE capture README.md", 1, "",
+       "tqble capture: not a btsnoop file: it does not begin with the 16-byte btsnoop header\n"},
+  });
+  EXPECT_EQ(json::parse(run("cat wrong-checksum.btsnoop | $TQBLE capture - --json").out),
+            timeline("wrong-checksum.btsnoop"));
+}
+
+TEST(Capture, WiresharkDissectorShowsCommandsChecksumsAndReassembledAnswers) {
+  if (run("command -v tshark").status != 0) GTEST_SKIP() << "tshark is not installed";
+  const Outcome r = run("tshark -X lua_script:" TQBLE_SOURCE_DIR "/tools/wireshark/tqble.lua -r wrong-checksum.btsnoop"
+                        " -Y tqble.pieces -T fields -e tqble.command -e tqble.checksum_status -e tqble.pieces 2>/dev/null");
+  std::istringstream lines(r.out);
+  std::vector<std::string> answers;
+  for (std::string line; std::getline(lines, line);) answers.push_back(line);
+  // Thirteen answers as the post sent them and as the app received them.
+  ASSERT_EQ(answers.size(), 26u) << r.out;
+  EXPECT_EQ(answers[0], "0xb1\tgood\t4");
+  EXPECT_EQ(std::count(answers.begin(), answers.end(), "0xb0\tbad (0xD9 expected)\t1"), 1);
+  EXPECT_EQ(std::count(answers.begin(), answers.end(), "0xb0\tgood\t1"), 1);
 }
 
 }  // namespace
+}  // namespace tqble::test

@@ -11,12 +11,14 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(MainQueue, VirtualClockRunsDelayedTasksInDueOrderWithoutSleeping) {
+// The first task is queued on the real clock and keeps what is left of its delay when the
+// clock turns virtual.
+TEST(MainQueue, VirtualClockRunsDelayedTasksInDueOrderAndRunUntilStopsAtTheConditionOrTheLimit) {
   auto& queue = MainQueue::main();
-  queue.useVirtualClock();
-  const auto start = queue.now();
   std::vector<std::string> order;
   queue.asyncAfter(3s, [&] { order.push_back("3s"); });
+  queue.useVirtualClock();
+  const auto start = queue.now();
   queue.asyncAfter(1s, [&] {
     order.push_back("1s");
     queue.async([&] { order.push_back("queued by 1s"); });
@@ -30,49 +32,17 @@ TEST(MainQueue, VirtualClockRunsDelayedTasksInDueOrderWithoutSleeping) {
   queue.runFor(1s);
   EXPECT_EQ(order, (std::vector<std::string>{"now", "1s", "queued by 1s", "3s", "3s second"}));
   EXPECT_EQ(queue.pending(), 0u);
-}
-
-TEST(MainQueue, RunUntilStopsAtTheConditionOrTheLimit) {
-  auto& queue = MainQueue::main();
-  queue.useVirtualClock();
-  const auto start = queue.now();
   int ticks = 0;
-  std::function<void()> tick = [&] {
-    ++ticks;
-    queue.asyncAfter(100ms, tick);
-  };
+  std::function<void()> tick = [&] { ++ticks, queue.asyncAfter(100ms, tick); };
   queue.async(tick);
   EXPECT_TRUE(queue.runUntil([&] { return ticks == 5; }, 10s));
-  EXPECT_EQ(queue.now() - start, 400ms);
+  EXPECT_EQ(queue.now() - start, 3400ms);
   EXPECT_FALSE(queue.runUntil([] { return false; }, 1s));
-  EXPECT_EQ(queue.now() - start, 1400ms);
+  EXPECT_EQ(queue.now() - start, 4400ms);
   queue.clear();
 }
 
-TEST(MainQueue, DelayedTasksKeepTheirRemainingDelayWhenTheClockTurnsVirtual) {
-  auto& queue = MainQueue::main();
-  bool ran = false;
-  queue.asyncAfter(5s, [&] { ran = true; });
-  queue.useVirtualClock();
-  queue.runFor(4s);
-  EXPECT_FALSE(ran);
-  queue.runFor(2s);
-  EXPECT_TRUE(ran);
-}
-
-TEST(MainQueue, RealClockRunTakesTasksHandedOverByOtherThreads) {
-  auto& queue = MainQueue::main();
-  int seen = 0;
-  std::thread backend([&] {
-    for (int i = 0; i < 3; ++i) queue.async([&] { ++seen; });
-    queue.async([&] { queue.stop(); });
-  });
-  queue.run();
-  backend.join();
-  EXPECT_EQ(seen, 3);
-}
-
-TEST(MainQueue, RealClockRunUntilNeverSleepsOverATaskHandedOverWhileItLooked) {
+TEST(MainQueue, RealClockRunUntilNeverSleepsOverATaskHandedOverWhileItLookedAndRunTakesThemTillStopped) {
   auto& queue = MainQueue::main();
   std::atomic<int> asked = 0;
   int answered = 0;
@@ -90,17 +60,21 @@ TEST(MainQueue, RealClockRunUntilNeverSleepsOverATaskHandedOverWhileItLooked) {
   }
   backend.join();
   EXPECT_EQ(late, 0);
+  std::thread([&] {
+    for (int i = 1; i <= 3; ++i) queue.async([&answered] { ++answered; });
+    queue.async([&] { queue.stop(); });
+  }).join();
+  queue.run();
+  EXPECT_EQ(answered, 2003);
 }
 
 TEST(NotificationCenter, DeliversToObserversOfTheNameUntilRemoved) {
   auto& center = NotificationCenter::defaultCenter();
   std::vector<std::string> seen;
   const auto named = center.addObserver("A", [&](const Notification& n) {
-    seen.push_back("named " + n.name + " " +
-                   std::to_string(std::get<std::int64_t>(n.userInfo.at("k"))));
+    seen.push_back("named " + n.name + " " + std::to_string(std::get<std::int64_t>(n.userInfo.at("k"))));
   });
-  const auto all =
-      center.addObserver("", [&](const Notification& n) { seen.push_back("all " + n.name); });
+  const auto all = center.addObserver("", [&](const Notification& n) { seen.push_back("all " + n.name); });
   center.post("A", nullptr, {{"k", Value{std::int64_t{5}}}});
   center.post("B", nullptr, {});
   center.removeObserver(named);

@@ -1,7 +1,9 @@
-// Answer reception end to end: the post's answers cut into notifications in many ways,
-// against each end-of-answer rule, counting delegate calls and dispatches.
+// The manager end to end through the simulator: discovery of the post's service and
+// characteristics; answers cut into notifications in many ways against each end-of-answer
+// rule, counting delegate calls and dispatches; and the answer tap beside the delegate.
 #include <gtest/gtest.h>
 
+#include "support/LogCapture.h"
 #include "support/SimSession.h"
 
 namespace tqble {
@@ -23,8 +25,6 @@ struct SplitCase {
 };
 
 class AnswerSplit : public testing::TestWithParam<SplitCase> {};
-// GoogleTest prints a case by its name, never by its raw bytes.
-void PrintTo(const SplitCase& c, std::ostream* os) { *os << c.name; }
 
 TEST_P(AnswerSplit, CompletesByItsRuleOrWaits) {
   const SplitCase& c = GetParam();
@@ -43,29 +43,16 @@ TEST_P(AnswerSplit, CompletesByItsRuleOrWaits) {
   EXPECT_EQ(s.manager->systemInfoData().size(), c.bufferAfter);
 }
 
+// Each answer whole, in the post's own cut, is the end-to-end suite's.
 // clang-format off
 INSTANTIATE_TEST_SUITE_P(Reception, AnswerSplit, testing::Values(
-    SplitCase{"SystemInfoWhole",          systemInfo, {},              {},  4, {67}, 0, 0},   // 20+20+20+7
     SplitCase{"SystemInfoMissingAPiece",  systemInfo, {},              {1}, 3, {},   2, 47},
     SplitCase{"HistoryEndingShort",       history,    {20, 20, 5, 5},  {},  4, {45}, 0, 0},   // ends at 20+20+5
     SplitCase{"HistoryEndingFull",        history,    {20, 20, 10},    {2}, 2, {},   8, 40},
-    SplitCase{"StateInTwoPieces",         state,      {},              {},  2, {26}, 0, 0},   // 20+6
     SplitCase{"StateOfThirteenBytes",     state,      {13, 13},        {1}, 1, {},   6, 13},
-    SplitCase{"EnergyWhole",              energy,     {},              {},  1, {13}, 0, 0},
-    SplitCase{"EnergySplit",              energy,     {8, 5},          {},  2, {},   9, 5},
-    SplitCase{"DiagnosticsAt66",          diagnosis,  {},              {},  4, {66}, 0, 0}),
+    SplitCase{"EnergySplit",              energy,     {8, 5},          {},  2, {},   9, 5}),
     caseName);
 // clang-format on
-
-TEST(Reception, AnErrorLogCutShortBeforeItsEntriesMakesTheDecoderThrowOutOfTheCallback) {
-  SimSession s;
-  s.connectAndSettle();
-  s.post->model().addError({0, 1});
-  s.post->model().addError({60, 8});
-  s.post->faults().chunkSizes = {20, 3, 4};  // the 3-byte piece ends the list at 23 bytes
-  errorLog(*s.manager);
-  EXPECT_THROW(s.settle(), std::out_of_range) << "the count says two entries, one and a half came";
-}
 
 TEST(Reception, WithoutTheUpdateCallbackTheRecordIsKeptAndFilledByLaterAnswers) {
   SimSession s(/*withUpdates=*/false);
@@ -92,6 +79,113 @@ TEST(Reception, ALinkLostMidAnswerLeavesItPendingUntilTheNextConnectionsQuery) {
   EXPECT_EQ(s.log.tappedSizes(), Sizes{67}) << "the automatic query starts over";
   EXPECT_EQ(s.manager->cmdType(), 0);
 }
+
+TEST(AnswerTap, SeesEachCompleteAnswerOnceWithItsTagAndMayBeRemovedFromWithin) {
+  SimSession s;
+  s.connectAndSettle();
+  int selfRemoving = 0;
+  std::uint64_t self = 0;
+  self = s.manager->addAnswerObserver(
+      [&](std::int64_t, const Bytes&) { ++selfRemoving, s.manager->removeAnswerObserver(self); });
+  std::vector<std::pair<std::int64_t, std::size_t>> seen;
+  const auto token = s.manager->addAnswerObserver(
+      [&seen](std::int64_t tag, const Bytes& answer) { seen.emplace_back(tag, answer.size()); });
+  for (auto call : {systemInfo, state, stopCharge}) s.command(call);
+  EXPECT_EQ(selfRemoving, 1);
+  EXPECT_EQ(seen, (std::vector<std::pair<std::int64_t, std::size_t>>{{2, 67}, {6, 26}, {7, 9}}))
+      << "an observer removing itself leaves the next one called";
+
+  s.manager->removeAnswerObserver(token);
+  s.manager->removeAnswerObserver(token + 100);  // unknown: ignored
+  s.command(state);
+  EXPECT_EQ(seen.size(), 3u);
+  EXPECT_EQ(s.tapped.size(), 4u) << "the session's own tap stays";
+}
+
+using Lines = std::vector<std::string>;
+
+const std::string kWriteNoResponse = "************ CBCharacteristicPropertyWriteWithoutResponse";
+const std::string kWrite = "************ CBCharacteristicPropertyWrite";
+const std::string kRead = "************ CBCharacteristicPropertyRead";
+const std::string kNotify = "************ CBCharacteristicPropertyNotify";
+
+struct FoundCase {
+  const char* name;
+  void (*prepare)(sim::Faults&);
+  bool readKnown, writeKnown;
+  Lines lines;              // the properties logged, in the post's order
+  test::Errors readErrors;  // what the initial read reports, once
+};
+
+constexpr auto none = std::nullopt;
+const TQError kReadError{"Reading failed.", 14, {}};
+
+class Characteristics : public testing::TestWithParam<FoundCase> {};
+
+// The initial read reports to the delegate once. With either characteristic missing no
+// answer is heard; without the write one, commands fail locally.
+TEST_P(Characteristics, AreStoredInEitherOrderOnlyByUpperCaseIdentifierAndTheirPropertiesLogged) {
+  const FoundCase& c = GetParam();
+  LogCapture log;
+  SimSession s;
+  c.prepare(s.post->faults());
+  s.connect();
+  EXPECT_EQ(s.manager->readCharacteristic() != nullptr, c.readKnown);
+  EXPECT_EQ(s.manager->writeCharacteristic() != nullptr, c.writeKnown);
+  EXPECT_EQ(log.lines, c.lines);
+  EXPECT_EQ(s.log.updateErrors, c.readErrors);
+  EXPECT_EQ(s.manager->cmdType(), 0);
+  s.manager->queryChargerStateWithError(s.onError());
+  s.run(4s);
+  const TQError noWrite{"蓝牙写入特征为空，请检查蓝牙连接设备", 1001, {}};
+  EXPECT_EQ(s.errors, c.writeKnown ? std::vector<TQError>{} : std::vector{noWrite});
+  EXPECT_EQ(s.tapped.size(), c.readKnown && c.writeKnown ? 2u : 0u) << "the query and the state";
+}
+
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Discovery, Characteristics, testing::Values(
+    FoundCase{"WriteFirst", [](sim::Faults&) {}, true, true, {kWriteNoResponse, kWrite, kRead, kNotify}, {none}},
+    FoundCase{"ReadFirst", [](sim::Faults& f) { f.readCharacteristicFirst = true; }, true, true, {kRead, kNotify, kWriteNoResponse, kWrite}, {none}},
+    FoundCase{"LowerCaseService", [](sim::Faults& f) { f.lowerCaseIdentifiers = {"FFF0"}; }, false, false, {}, {}},
+    FoundCase{"LowerCaseRead", [](sim::Faults& f) { f.lowerCaseIdentifiers = {"FFF4"}; }, false, true, {kWriteNoResponse, kWrite}, {}},
+    FoundCase{"LowerCaseWrite", [](sim::Faults& f) { f.lowerCaseIdentifiers = {"FFF3"}; }, true, false, {kRead, kNotify}, {none}},
+    FoundCase{"ReadFails", [](sim::Faults& f) { f.readError = kReadError; }, true, true, {kWriteNoResponse, kWrite, kRead, kNotify, "读取特征值有误"}, {kReadError}}),
+    test::caseName);
+// clang-format on
+
+struct ErrorCase {
+  const char* name;
+  std::optional<TQError> sim::Faults::*fault;
+  const char* line;
+};
+
+class DiscoveryError : public testing::TestWithParam<ErrorCase> {};
+
+TEST_P(DiscoveryError, LogsOnceAndKeepsTheCharacteristicsOfTheEarlierLink) {
+  SimSession s;
+  auto peripheral = s.connectAndSettle();
+  const auto read = s.manager->readCharacteristic();
+  const auto write = s.manager->writeCharacteristic();
+  s.manager->stopConnectPeripheral(peripheral, nullptr);
+  s.run(100ms);
+  s.post->faults().*GetParam().fault = TQError{"Discovery failed.", 3, {}};
+  LogCapture log;
+  s.manager->startConnectPeripheral(peripheral);
+  s.run(4s);
+  EXPECT_EQ(log.lines, Lines{GetParam().line});
+  EXPECT_EQ(s.manager->readCharacteristic(), read);
+  EXPECT_EQ(s.manager->writeCharacteristic(), write);
+  EXPECT_EQ(s.log.connects, 1);
+  EXPECT_TRUE(s.log.disconnects.size() == 1 && s.log.failures.empty()) << "nothing but the stop";
+  EXPECT_TRUE(s.tapped.empty()) << "the query went to the earlier link's characteristic";
+}
+
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Discovery, DiscoveryError, testing::Values(
+    ErrorCase{"Services", &sim::Faults::serviceDiscoveryError, "发现服务失败"},
+    ErrorCase{"Characteristics", &sim::Faults::characteristicDiscoveryError, "发现特征失败"}),
+    test::caseName);
+// clang-format on
 
 }  // namespace
 }  // namespace tqble

@@ -1,16 +1,16 @@
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include "support/LogCapture.h"
 #include "tqble/ZConverTool.h"
@@ -21,19 +21,20 @@ namespace tqble {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace std::chrono_literals;
 
 Value text(const char* t) { return Value{std::string(t)}; }
 
-// A fresh configuration directory per test, whose standard file is file_. The processes
-// that share it are children forked by the test; the parent leaves the shared store alone
-// until they are started, so each begins with its own.
+// A fresh configuration directory per test, whose standard file is file_, watched for files
+// made or renamed in its folder. The processes that share it are children forked by the
+// test; the parent leaves the shared store alone until they are started, so each begins
+// with its own.
 class Defaults : public testing::Test {
  protected:
   void SetUp() override {
     fs::remove_all(dir_);
     fs::create_directories(file_.parent_path());
     ::setenv("XDG_CONFIG_HOME", dir_.c_str(), 1);
+    ::inotify_add_watch(changes_, file_.parent_path().c_str(), IN_CREATE | IN_MOVED_TO);
   }
   void TearDown() override {
     UserDefaults::standardUserDefaults().synchronize();  // nothing left to save at exit
@@ -52,16 +53,23 @@ class Defaults : public testing::Test {
     int status = 0;
     return ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
+  // Waits until a file is made or renamed in file_'s folder (at most 10 s); false if none was.
+  bool folderChanged() const {
+    pollfd changed{changes_, POLLIN, 0};
+    char events[4096];
+    return ::poll(&changed, 1, 10'000) == 1 && ::read(changes_, events, sizeof events) > 0;
+  }
   bool temporaryShows() const {
-    for (const auto& entry : fs::directory_iterator(file_.parent_path()))
-      if (entry.path().filename().string().find(".tmp.") != std::string::npos) return true;
-    return false;
+    return std::any_of(fs::directory_iterator(file_.parent_path()), {}, [](const auto& entry) {
+      return entry.path().filename().string().find(".tmp.") != std::string::npos;
+    });
   }
 
   const fs::path dir_ = fs::temp_directory_path() /
                         ("tqble-defaults-" + std::to_string(::getpid()) + "-" +
                          testing::UnitTest::GetInstance()->current_test_info()->name());
   const fs::path file_ = dir_ / "tqble" / "tqble_tests.json";
+  const int changes_ = ::inotify_init1(IN_CLOEXEC);
 };
 
 TEST_F(Defaults, EveryKindOfValueSurvivesARestartInTheApplicationsOwnFile) {
@@ -90,8 +98,7 @@ TEST_F(Defaults, ADamagedFileIsMovedAsideReportedAndNeverOverwritten) {
     test::LogCapture log;
     EXPECT_EQ(UserDefaults(file_).objectForKey("k"), Value{}) << damaged[i];
     EXPECT_FALSE(fs::exists(file_));
-    EXPECT_TRUE(log.lines.size() == 1 &&
-                log.lines[0].find(file_.string() + asides[i]) != std::string::npos);
+    EXPECT_TRUE(log.lines.size() == 1 && log.lines[0].find(file_.string() + asides[i]) != std::string::npos);
     std::ifstream aside(file_.string() + asides[i]);  // each aside keeps its own text
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(aside), {}), damaged[i]);
   }
@@ -120,28 +127,31 @@ TEST_F(Defaults, SavedValuesAreWrittenAtOnceAndEmptyMeansFirst) {
 // timer ran; the child, which has no timer of its parent's, saves at its own exit.
 TEST_F(Defaults, ProcessesSharingTheFileLoseNoValueAndKeepEachOthersRemovals) {
   constexpr int kKeys = 150;
-  const auto writer = [](std::string name) {
-    return [name] {
-      auto& defaults = UserDefaults::standardUserDefaults();
-      if (name == "a") defaults.removeObjectForKey("dropped");
-      for (int i = 0; i < kKeys; ++i) {
-        defaults.setObject(std::int64_t{i}, name + std::to_string(i));
-        if (i % 10 == 0) defaults.synchronize();
-      }
-      if (name == "a") return ::pause();
-      return exitCode(spawn([] {
-        ::alarm(10);  // ends it if it hangs at exit
-        ZGeneralTool::savePageFlag("forked");
-        return 0;
-      }));
-    };
+  const auto write = [](const std::string& name) {
+    auto& defaults = UserDefaults::standardUserDefaults();
+    for (int i = 0; i < kKeys; ++i) {
+      defaults.setObject(std::int64_t{i}, name + std::to_string(i));
+      if (i % 10 == 0) defaults.synchronize();
+    }
   };
   UserDefaults(file_).setObject(std::int64_t{1}, "kept");
   UserDefaults(file_).setObject(std::int64_t{1}, "dropped");
-  const pid_t a = spawn(writer("a")), b = spawn(writer("b"));
+  const pid_t a = spawn([&] {
+    UserDefaults::standardUserDefaults().removeObjectForKey("dropped");
+    write("a");
+    return ::pause();
+  });
+  const pid_t b = spawn([&] {
+    write("b");
+    return exitCode(spawn([] {
+      ::alarm(10);  // ends it if it hangs at exit
+      ZGeneralTool::savePageFlag("forked");
+      return 0;
+    }));
+  });
   EXPECT_EQ(exitCode(b), 0);
-  for (int i = 0; i < 100 && UserDefaults(file_).objectForKey("a149") == Value{}; ++i)
-    std::this_thread::sleep_for(UserDefaults::kSaveDelay / 5);
+  while (UserDefaults(file_).objectForKey("a149") == Value{} && folderChanged()) {
+  }
   ::kill(a, SIGKILL);
   exitCode(a);
   UserDefaults after(file_);
@@ -188,8 +198,8 @@ TEST_F(Defaults, AWriterKilledMidWriteLeavesAGoodFileAndNoTemporaryOne) {
       ZGeneralTool::userDefaultSaveValue(std::string(kSize, c), "big");
   });
   bool caught = false;
-  for (int i = 0; i < 200'000 && !caught; ++i) {
-    while (!temporaryShows() && ++i < 200'000) std::this_thread::sleep_for(50us);
+  for (int i = 0; i < 10'000 && !caught && folderChanged(); ++i) {
+    if (!temporaryShows()) continue;
     ::kill(writer, SIGSTOP);
     ::waitpid(writer, nullptr, WUNTRACED);
     caught = temporaryShows();

@@ -8,14 +8,6 @@ import tqble
 _numbers = itertools.count(1)
 
 
-def alone_on_the_radio():
-    """A new simulated post, the only one in range, with a name no earlier test used."""
-    for post in tqble.sim.posts():
-        tqble.sim.remove_post(post)
-    n = next(_numbers)
-    return tqble.sim.add_post(name=f"TQ-TEST-{n:04}", identifier=f"SIM-TEST-{n:04}")
-
-
 @pytest.fixture(scope="module")
 def event_loop():
     loop = asyncio.new_event_loop()
@@ -25,4 +17,8 @@ def event_loop():
 
 @pytest.fixture
 def sim_post():
-    return alone_on_the_radio()
+    """A new simulated post, the only one in range, with a name no earlier test used."""
+    for post in tqble.sim.posts():
+        tqble.sim.remove_post(post)
+    n = next(_numbers)
+    return tqble.sim.add_post(name=f"TQ-TEST-{n:04}", identifier=f"SIM-TEST-{n:04}")

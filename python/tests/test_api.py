@@ -18,16 +18,13 @@ async def test_a_second_client_is_refused_until_the_first_closes(sim_post):
     assert [h.identifier for h in await tqble.discover(0.2)] == [sim_post.identifier]
 
 
-BAD_CALLS = [
+@pytest.mark.parametrize("call,error,message", [
     (lambda p: p.set_volume("5"), TypeError, "volume must be an int, not str"),
     (lambda p: p.set_volume(True), TypeError, "not bool"),
     (lambda p: p.set_volume(101), ValueError, "volume must be 0-100, not 101"),
     (lambda p: p.set_volume(-1), ValueError, "not -1"),
     (lambda p: p.reserve(8, datetime.time(9)), TypeError, "start must be a datetime.time, not int"),
-]
-
-
-@pytest.mark.parametrize("call,error,message", BAD_CALLS)
+])
 async def test_bad_arguments_raise_before_anything_is_written(sim_post, call, error, message):
     async with tqble.connect(sim_post.name) as post:
         writes = len(sim_post.received_writes)

@@ -35,15 +35,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   T::coverFromHexStrToInt(text), T::hexToBytes(text), T::coverFromHexStringToStr(text);
   accepted([&] { T::coverToIntFrome4BytesHexStr(text); });
   accepted([&] { T::coverFromHexStrToData(text); });
-  accepted(
-      [&] { T::coverTo1ByteIntWithDa(bytes), T::coverTo2ByteIntWithDa(bytes), T::setDa(bytes); });
+  accepted([&] { T::coverTo1ByteIntWithDa(bytes), T::coverTo2ByteIntWithDa(bytes), T::setDa(bytes); });
 
   std::int64_t wide = 0;
   std::memcpy(&wide, data, std::min(size, sizeof wide));
   const auto narrow = static_cast<std::int32_t>(wide);
   const auto low = static_cast<std::uint32_t>(wide);
-  expect(T::coverFromHexStrToInt(T::coverFromIntToHex(low)) == low,
-         "hex of a 32-bit value reads back");
+  expect(T::coverFromHexStrToInt(T::coverFromIntToHex(low)) == low, "hex of a 32-bit value reads back");
   expect(T::setDa(T::setId(narrow)) == narrow, "setDa reads setId back");
   expect(T::coverToIntFrome4BytesHexStr(T::coverFromDataToHexStr(T::coverToByteWithData(narrow))) ==
              narrow,

@@ -45,14 +45,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     return std::tie(d.versionNum, d.errorInfo, d.elec, d.startMode);
   });
   const auto log = prefixAndWhole(answer, decode::errorLog, count);
-  const auto history =
-      prefixAndWhole(answer, decode::chargingHistory, [](const auto&) { return 0; });
-  expect((!log || log->size() <= size) && (!history || history->size() <= size),
-         "no more entries than bytes");
+  const auto history = prefixAndWhole(answer, decode::chargingHistory, [](const auto&) { return 0; });
+  expect((!log || log->size() <= size) && (!history || history->size() <= size), "no more entries than bytes");
 
   const auto result = decode::setResult(answer).resultType;
-  expect(result == TQSetCmdSuccess || result == TQSetCmdFailure,
-         "an acknowledgement is one or the other");
+  expect(result == TQSetCmdSuccess || result == TQSetCmdFailure, "an acknowledgement is one or the other");
   (void)decode::chargerState(answer);
   return 0;
 }

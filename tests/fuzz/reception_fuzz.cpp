@@ -77,8 +77,7 @@ struct Harness {
     const auto missing = linked ? errorWriteValueCode : errorNOPeripheralCode;
     expect(errors == (writable ? Codes{} : Codes{missing}), "an error only for what is missing");
     expect(writes() == before + writable, "a frame written only with no error");
-    expect(!writable || s.post->writes.back().data.size() == hex(row.frame).size(),
-           "the command's frame length");
+    expect(!writable || s.post->writes.back().data.size() == hex(row.frame).size(), "the command's frame length");
   }
 
   /// A notification (`chunk`) or a read error (no chunk).

@@ -27,8 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const auto& piece : pieces)
     times.push_back(piece.empty() ? std::nullopt : std::optional(piece));
   auto sorted = G::sortWithTimeIntervalFromTimeStrs(times);
-  expect(G::sortWithTimeIntervalFromTimeStrs(sorted) == sorted,
-         "sorting a sorted list changes nothing");
+  expect(G::sortWithTimeIntervalFromTimeStrs(sorted) == sorted, "sorting a sorted list changes nothing");
   std::sort(times.begin(), times.end());
   std::sort(sorted.begin(), sorted.end());
   expect(sorted == times, "sorting keeps every element");

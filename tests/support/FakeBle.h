@@ -13,8 +13,6 @@
 
 namespace tqble::test {
 
-class FakeService;
-
 class FakeCharacteristic : public ble::Characteristic {
  public:
   FakeCharacteristic(std::string uuid, std::uint64_t properties)
@@ -34,36 +32,25 @@ class FakeService : public ble::Service {
  public:
   explicit FakeService(std::string uuid) : uuid_(ble::UUID::fromString(uuid)) {}
   ble::UUID uuid() const override { return uuid_; }
-  std::vector<std::shared_ptr<ble::Characteristic>> characteristics() const override {
-    return characteristics_;
-  }
+  std::vector<std::shared_ptr<ble::Characteristic>> characteristics() const override { return characteristics_; }
   std::vector<std::shared_ptr<ble::Characteristic>> characteristics_;
 
  private:
   ble::UUID uuid_;
 };
 
+/// Records what is written to it; discovery, reads and notification switches do nothing.
 class FakePeripheral : public ble::Peripheral {
  public:
   std::string identifier() const override { return "fake"; }
   std::string name() const override { return "fake post"; }
-  void setDelegate(std::weak_ptr<ble::PeripheralDelegate> delegate) override {
-    delegate_ = std::move(delegate);
-  }
-  void discoverServices(const std::vector<ble::UUID>&) override { ++serviceDiscoveries; }
+  void setDelegate(std::weak_ptr<ble::PeripheralDelegate>) override {}
+  void discoverServices(const std::vector<ble::UUID>&) override {}
   std::vector<std::shared_ptr<ble::Service>> services() const override { return services_; }
-  void discoverCharacteristics(const std::vector<ble::UUID>&,
-                               const std::shared_ptr<ble::Service>& service) override {
-    characteristicDiscoveries.push_back(service);
-  }
-  void readValueForCharacteristic(const std::shared_ptr<ble::Characteristic>& c) override {
-    calls.push_back("read " + c->uuid().UUIDString());
-  }
-  void setNotifyValue(bool enabled, const std::shared_ptr<ble::Characteristic>& c) override {
-    calls.push_back(std::string(enabled ? "notify on " : "notify off ") + c->uuid().UUIDString());
-  }
-  void writeValue(const Bytes& data, const std::shared_ptr<ble::Characteristic>& c,
-                  ble::WriteType type) override {
+  void discoverCharacteristics(const std::vector<ble::UUID>&, const std::shared_ptr<ble::Service>&) override {}
+  void readValueForCharacteristic(const std::shared_ptr<ble::Characteristic>&) override {}
+  void setNotifyValue(bool, const std::shared_ptr<ble::Characteristic>&) override {}
+  void writeValue(const Bytes& data, const std::shared_ptr<ble::Characteristic>& c, ble::WriteType type) override {
     writes.push_back({data, c, type});
   }
 
@@ -72,44 +59,33 @@ class FakePeripheral : public ble::Peripheral {
     std::shared_ptr<ble::Characteristic> characteristic;
     ble::WriteType type;
   };
-  std::weak_ptr<ble::PeripheralDelegate> delegate_;
   std::vector<std::shared_ptr<ble::Service>> services_;
-  std::vector<std::shared_ptr<ble::Service>> characteristicDiscoveries;
-  std::vector<std::string> calls;
   std::vector<Write> writes;
-  int serviceDiscoveries = 0;
 };
 
+/// Powered on; records the names of the calls made to it.
 class FakeCentral : public ble::CentralManager {
  public:
-  std::int64_t state() const override { return state_; }
-  void scanForPeripheralsWithServices(const std::vector<ble::UUID>& services,
-                                      const Dictionary&) override {
-    calls.push_back("scan " + std::to_string(services.size()));
+  std::int64_t state() const override { return ble::CentralManagerStatePoweredOn; }
+  void scanForPeripheralsWithServices(const std::vector<ble::UUID>&, const Dictionary&) override {
+    calls.push_back("scan");
   }
   void stopScan() override { calls.push_back("stopScan"); }
   void connectPeripheral(const std::shared_ptr<ble::Peripheral>&, const Dictionary&) override {
     calls.push_back("connect");
   }
-  void cancelPeripheralConnection(const std::shared_ptr<ble::Peripheral>&) override {
-    calls.push_back("cancel");
-  }
-  std::int64_t state_ = ble::CentralManagerStatePoweredOn;
+  void cancelPeripheralConnection(const std::shared_ptr<ble::Peripheral>&) override { calls.push_back("cancel"); }
   std::vector<std::string> calls;
 };
 
 /// Installs a FakeCentral as the manager's central. Call before the first shareManager();
 /// every test runs in a process of its own, so each gets a fresh manager.
 struct FakeStack {
-  static inline int centralsMade = 0;
   static inline std::shared_ptr<FakeCentral> central;
 
   FakeStack() {
-    TQBleManager::useCentralFactory([](std::weak_ptr<ble::CentralManagerDelegate>) {
-      ++centralsMade;
-      central = std::make_shared<FakeCentral>();
-      return central;
-    });
+    TQBleManager::useCentralFactory(
+        [](std::weak_ptr<ble::CentralManagerDelegate>) { return central = std::make_shared<FakeCentral>(); });
     manager = TQBleManager::shareManager();
   }
 

@@ -58,10 +58,7 @@ class SimSession {
     return peripheral;
   }
 
-  void clearLog() {
-    log.clear();
-    errors.clear();
-  }
+  void clearLog() { log.clear(), errors.clear(); }
 
   /// Gives one command's answer and delegate calls time to arrive.
   void settle() { run(500ms); }
@@ -70,9 +67,7 @@ class SimSession {
   void command(void (*call)(TQBleManager&)) { call(*manager), settle(); }
 
   /// An error handler for a command that records into `errors`.
-  TQErrorHandler onError() {
-    return [this](const TQError& e) { errors.push_back(e); };
-  }
+  TQErrorHandler onError() { return [this](const TQError& e) { errors.push_back(e); }; }
 
   std::shared_ptr<sim::VirtualPost> post;
   std::shared_ptr<TQBleManager> manager;
@@ -85,7 +80,7 @@ class SimSession {
 template <std::size_t Row>
 void issue(TQBleManager& m) { kCommandRows[Row].issue(m, nullptr); }
 constexpr auto systemInfo = issue<1>, state = issue<5>, stopCharge = issue<7>, history = issue<8>,
-               energy = issue<9>, errorLog = issue<10>, diagnosis = issue<11>;
+               energy = issue<9>;
 
 /// Names a parameterised case after its `name` field.
 inline constexpr auto caseName = [](const auto& info) { return std::string(info.param.name); };
