@@ -215,6 +215,7 @@ void ChargerClient::startConnecting(const PeripheralPtr& peripheral) {
   peripheral_ = peripheral;
   link_ = Link::Connecting;
   attemptOpen_ = true;
+  retriesLeft_ = options_.connectRetries;  // for each attempt of the reconnection policy too
   armConnectTimeout();
   manager_->startConnectPeripheral(peripheral);
 }
