@@ -8,7 +8,6 @@
 #include <unicode/strenum.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <tuple>
@@ -242,8 +241,10 @@ TEST(MoneyAndDistanceTexts, AreYuanWithTwoDecimalsAndMetresOrKilometres) {
 
 TEST(PhoneNumbers, MatchThePublishedPatternAsItStandsAndAreMaskedOverUtf16Units) {
   // The comma in "18[0,0-9]" is a member of the class; the leading digits are literal ASCII
-  // while \d takes any decimal digit.
-  for (const char* number : {"13812345678", "15912345678", "18,12345678", "138１２３４５６７８"})
+  // while \d takes any decimal digit. The matcher reads its text in place: the last number's
+  // copy (over 27 bytes) is on the heap, so a match on a freed copy is one AddressSanitizer
+  // reports.
+  for (const char* number : {"13812345678", "15912345678", "18,12345678", "138１２３４５６７８", "138𝟏𝟐𝟑𝟒𝟓𝟔𝟕𝟖"})
     EXPECT_TRUE(C::isPhoneNum(number)) << number;
   for (const char* number :
        {"15412345678", "15,12345678", "1381234567", "13812345678\n", "１３８１２３４５６７８"})
@@ -253,24 +254,6 @@ TEST(PhoneNumbers, MatchThePublishedPatternAsItStandsAndAreMaskedOverUtf16Units)
   EXPECT_EQ(C::coverPhoneNumber("𠀀123456789"), "𠀀1****6789");  // "𠀀" takes two units
   for (const char* number : {"138123", "电话号码一二"})
     EXPECT_THROW((void)C::coverPhoneNumber(number), std::out_of_range) << number;
-}
-
-// The matcher reads its text in place. A child run of this test overwrites freed memory
-// (AddressSanitizer's free fill, glibc's perturb byte), so a match that read a freed copy
-// of the text fails there. Texts over 27 bytes are copied to the heap: digits outside the
-// basic plane make one here.
-TEST(PhoneNumbers, AreMatchedOnATextThatOutlivesTheMatcher) {
-  const char* numbers[] = {"138１２３４５６７８", "138𝟏𝟐𝟑𝟒𝟓𝟔𝟕𝟖"};
-  if (std::getenv("TQBLE_FREED_MEMORY_FILLED")) {
-    for (const char* number : numbers) EXPECT_TRUE(C::isPhoneNum(number)) << number;
-    return;
-  }
-  const std::string child =
-      "TQBLE_FREED_MEMORY_FILLED=1 ASAN_OPTIONS=free_fill_byte=65:max_free_fill_size=4096 "
-      "MALLOC_PERTURB_=65 '" +
-      std::filesystem::read_symlink("/proc/self/exe").string() +
-      "' --gtest_filter=PhoneNumbers.AreMatchedOnATextThatOutlivesTheMatcher >/dev/null";
-  EXPECT_EQ(std::system(child.c_str()), 0);
 }
 
 TEST(Dialling, HandsTheTelTextToTheHostOrOnlyLogsIt) {
