@@ -113,7 +113,7 @@ const TQError kReadError{"Reading failed.", 14, {}};
 class Characteristics : public testing::TestWithParam<FoundCase> {};
 
 // The initial read reports to the delegate once. With either characteristic missing no
-// answer is heard; without the write one, commands fail locally.
+// answer is heard (without the write one, commands fail locally: the command table's test).
 TEST_P(Characteristics, AreStoredInEitherOrderOnlyByUpperCaseIdentifier) {
   const FoundCase& c = GetParam();
   SimSession s;
@@ -123,10 +123,8 @@ TEST_P(Characteristics, AreStoredInEitherOrderOnlyByUpperCaseIdentifier) {
   EXPECT_EQ(s.manager->writeCharacteristic() != nullptr, c.writeKnown);
   EXPECT_EQ(s.log.updateErrors, c.readErrors);
   EXPECT_EQ(s.manager->cmdType(), 0);
-  s.manager->queryChargerStateWithError(s.onError());
+  s.manager->queryChargerStateWithError(nullptr);
   s.run(4s);
-  const TQError noWrite{"蓝牙写入特征为空，请检查蓝牙连接设备", 1001, {}};
-  EXPECT_EQ(s.errors, c.writeKnown ? std::vector<TQError>{} : std::vector{noWrite});
   EXPECT_EQ(s.tapped.size(), c.readKnown && c.writeKnown ? 2u : 0u) << "the query and the state";
 }
 
