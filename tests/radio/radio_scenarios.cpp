@@ -258,15 +258,11 @@ std::string runTwice(App&) {
   return "both answered, the second started 0.3 s after the first ended";
 }
 
+// clang-format off
 const std::pair<const char*, std::string (*)(App&)> kScenarios[] = {
-    {"scan", scan},
-    {"link", link},
-    {"commands", commands},
-    {"link-loss", linkLoss},
-    {"power-off", powerOff},
-    {"daemon-restart", daemonRestart},
-    {"demo", demo},
-    {"run-twice", runTwice}};
+    {"scan", scan}, {"link", link}, {"commands", commands}, {"link-loss", linkLoss}, {"power-off", powerOff},
+    {"daemon-restart", daemonRestart}, {"demo", demo}, {"run-twice", runTwice}};
+// clang-format on
 
 }  // namespace
 
