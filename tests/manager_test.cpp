@@ -1,5 +1,6 @@
 // The manager on a scripted central: the singleton, every command's exact frame and local
 // failures, the write path, stopping a link and the delegate's calls.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "platform/DateFormat.h"
@@ -31,13 +32,9 @@ TEST(Singleton, IsMadeOnceWithOneCentralEvenFromSeveralThreadsAndThenKeepsItsBac
 
 TEST(Singleton, UnknownBackendIsAClearError) {
   ASSERT_TRUE(TQBleManager::useBackend("no-such-radio"));
-  try {
-    TQBleManager::shareManager();
-    FAIL() << "expected an error";
-  } catch (const std::runtime_error& e) {
-    const std::string built = ble::backendNames().size() == 2 ? "sim, bluez" : "sim";
-    EXPECT_EQ(e.what(), "unknown BLE backend: no-such-radio (built: " + built + ")");
-  }
+  const std::string built = ble::backendNames().size() == 2 ? "sim, bluez" : "sim";
+  EXPECT_THAT([] { TQBleManager::shareManager(); },
+              testing::ThrowsMessage<std::runtime_error>("unknown BLE backend: no-such-radio (built: " + built + ")"));
 }
 
 TEST(WritePath, WritesTheWholeFrameOnceWithoutResponseEvenToAStaleCharacteristic) {
