@@ -35,11 +35,7 @@ class BusTest : public ::testing::Test {
   }
 
   BusReply call(const std::string& method, const BusList& args, const std::string& replySignature) {
-    std::optional<BusReply> reply;
-    client->call(kService, "/echo", kIface, method, args, 2s, replySignature,
-                 [&](const BusReply& r) { reply = r; });
-    EXPECT_TRUE(MainQueue::main().runUntil([&] { return reply.has_value(); }, 2s));
-    return reply.value_or(BusReply{});
+    return test::callAndWait(*client, kService, "/echo", kIface, method, args, replySignature);
   }
 
   int refusals = 0;
@@ -48,27 +44,17 @@ class BusTest : public ::testing::Test {
 };
 
 TEST_F(BusTest, ValuesKeepTheirTypesThroughACallAndItsReplyAndErrorsTheirNames) {
+  // clang-format off
   const BusValue values[] = {
-      BusValue(true),
-      BusValue::byte(0xFE),
-      BusValue::int16(-127),
-      BusValue::uint16(517),
-      BusValue::int32(-5),
-      BusValue::uint32(4000000000u),
-      BusValue(std::int64_t{-1} << 40),
-      BusValue(2.5),
-      BusValue("TQ-AC7-0042"),
-      BusValue::path("/org/bluez/hci0"),
-      BusValue(Bytes{0x68, 0x00, 0xFF}),
+      BusValue(true), BusValue::byte(0xFE), BusValue::int16(-127), BusValue::uint16(517), BusValue::int32(-5),
+      BusValue::uint32(4000000000u), BusValue(std::int64_t{-1} << 40), BusValue(2.5), BusValue("TQ-AC7-0042"),
+      BusValue::path("/org/bluez/hci0"), BusValue(Bytes{0x68, 0x00, 0xFF}), BusValue::paths({"/a", "/a/b"}),
       BusValue(std::vector<std::string>{"0000fff0-0000-1000-8000-00805f9b34fb", ""}),
-      BusValue::paths({"/a", "/a/b"}),
-      BusValue(BusDict{{"type", BusValue("command")},
-                       {"nested", BusValue(BusDict{{"n", BusValue::int16(3)}})}}),
-      BusValue("a{qv}", BusIntDict{{0x05F1, BusValue(Bytes{1, 2})}}),
-      BusValue("(sb)", BusList{BusValue("x"), BusValue(false)}),
-      BusValue("a{oa{sa{sv}}}",
-               BusDict{{"/p", BusValue("a{sa{sv}}", BusDict{{"i", BusValue(BusDict{})}})}}),
+      BusValue(BusDict{{"type", BusValue("command")}, {"nested", BusValue(BusDict{{"n", BusValue::int16(3)}})}}),
+      BusValue("a{qv}", BusIntDict{{0x05F1, BusValue(Bytes{1, 2})}}), BusValue("(sb)", BusList{BusValue("x"), BusValue(false)}),
+      BusValue("a{oa{sa{sv}}}", BusDict{{"/p", BusValue("a{sa{sv}}", BusDict{{"i", BusValue(BusDict{})}})}}),
   };
+  // clang-format on
   for (const auto& value : values) {
     EXPECT_EQ(call("Echo", {BusValue::variant(value)}, "v").values, BusList{value})
         << value.signature();

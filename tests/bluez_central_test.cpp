@@ -1,7 +1,7 @@
 // The bluez central against the stand-in bluetoothd, for what the radio guest's real daemon
-// cannot be made to do: no daemon, adapters coming and going, a deny policy, other clients'
-// scans and filters, a nameless device, refused, hanging and expired connections and a
-// silent Connected. Finding a post, links, power and restarts are proven in the guest.
+// cannot be made to do: no daemon (for the tool too), adapters coming and going, a deny
+// policy, other clients' scans and filters, a nameless device, refused, hanging and expired
+// connections and a silent Connected. Finding a post, links, power and restarts are proven in the guest.
 #include <cstdlib>
 #include <set>
 
@@ -39,6 +39,15 @@ TEST_F(BluezSession, TheAdapterAskedForIsFollowedInAndOutAndAScanWhileItIsOffIsI
             (States{CentralManagerStateUnsupported, CentralManagerStatePoweredOff,
                     CentralManagerStateResetting, CentralManagerStateUnsupported}));
   EXPECT_FALSE(called("StartDiscovery hci1"));
+}
+
+// What a user of the tool sees then: why nothing was heard, and a failure.
+TEST(BluezState, TheToolSaysTheRadioIsUnsupportedWithoutBluetoothd) {
+  usePrivateSystemBus();
+  const Outcome scan = shell(TQBLE_CLI_PATH " scan --seconds 0.5 --backend bluez");
+  EXPECT_EQ(scan.status, 3);
+  EXPECT_EQ(scan.out + scan.err,
+            "tqble scan: nothing heard (the radio is unsupported here: no Bluetooth daemon or adapter)\n");
 }
 
 TEST(BluezState, APolicyThatKeepsUsFromBluetoothdIsUnauthorized) {

@@ -49,11 +49,7 @@ class PostServerTest : public ::testing::Test {
   // Calls the post and waits for its answer.
   BusReply ask(const std::string& path, const std::string& interface, const std::string& method,
                const BusList& args, const std::string& replySignature = "") {
-    std::optional<BusReply> reply;
-    daemon->call(post, path, interface, method, args, 2s, replySignature,
-                 [&](const BusReply& r) { reply = r; });
-    EXPECT_TRUE(MainQueue::main().runUntil([&] { return reply.has_value(); }, 2s)) << method;
-    return reply.value_or(BusReply{BusError{"no answer", ""}, {}});
+    return test::callAndWait(*daemon, post, path, interface, method, args, replySignature);
   }
 
   std::shared_ptr<Bus> daemon;

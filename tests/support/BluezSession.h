@@ -104,10 +104,8 @@ class BluezSession : public ::testing::Test {
   /// set off is done, and all it sent meanwhile has been delivered: absence is proven by
   /// this round trip, never by a pause.
   static void barrier() {
-    bool answered = false;
-    bluez::Bus::system()->call("org.bluez", "/", "org.bluez.Test", "Barrier", {}, 5s, "",
-                               [&](const bluez::BusReply& r) { answered = !r.error; });
-    ASSERT_TRUE(runUntil([&] { return answered; }, 5s));
+    ASSERT_FALSE(
+        callAndWait(*bluez::Bus::system(), "org.bluez", "/", "org.bluez.Test", "Barrier", {}, "", 5s).error);
     MainQueue::main().runUntilIdle();
   }
   static bool has(const std::vector<std::string>& lines, const std::string& line) {

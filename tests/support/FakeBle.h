@@ -13,30 +13,24 @@
 
 namespace tqble::test {
 
-class FakeCharacteristic : public ble::Characteristic {
- public:
+struct FakeCharacteristic : ble::Characteristic {
   FakeCharacteristic(std::string uuid, std::uint64_t properties)
       : uuid_(ble::UUID::fromString(uuid)), properties_(properties) {}
   ble::UUID uuid() const override { return uuid_; }
   std::uint64_t properties() const override { return properties_; }
   Bytes value() const override { return value_; }
   std::shared_ptr<ble::Service> service() const override { return {}; }
-  Bytes value_;
-
- private:
   ble::UUID uuid_;
   std::uint64_t properties_;
+  Bytes value_;
 };
 
-class FakeService : public ble::Service {
- public:
+struct FakeService : ble::Service {
   explicit FakeService(std::string uuid) : uuid_(ble::UUID::fromString(uuid)) {}
   ble::UUID uuid() const override { return uuid_; }
   std::vector<std::shared_ptr<ble::Characteristic>> characteristics() const override { return characteristics_; }
-  std::vector<std::shared_ptr<ble::Characteristic>> characteristics_;
-
- private:
   ble::UUID uuid_;
+  std::vector<std::shared_ptr<ble::Characteristic>> characteristics_;
 };
 
 /// Records what is written to it; discovery, reads and notification switches do nothing.

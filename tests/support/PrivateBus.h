@@ -1,46 +1,35 @@
 #pragma once
 
 // A dbus-daemon of the test process's own, standing in for the system bus: the machine's
-// system bus is never touched. It ends with the process (the kernel signals it).
+// system bus is never touched. It ends with the process. And a call on it that waits.
 
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
+
+#include "ble/bluez/Bus.h"
+#include "support/Processes.h"
+#include "tqble/platform/MainQueue.h"
 
 namespace tqble::test {
 
 // The running daemon's folder (its configuration and socket) and process.
 inline std::string privateBusFolder;
-inline pid_t privateBusPid = -1;
+inline std::unique_ptr<Child> privateBus;
 
 // Starts dbus-daemon on the folder's configuration and waits until it listens.
 inline void startPrivateBusDaemon() {
-  int fds[2];
-  if (pipe(fds) != 0) throw std::runtime_error("pipe failed");
-  privateBusPid = fork();
-  if (privateBusPid == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGTERM);
-    close(fds[0]);
-    freopen("/dev/null", "w", stderr);  // its notes about fd limits are not ours
-    const std::string config = "--config-file=" + privateBusFolder + "/bus.conf";
-    const std::string fd = "--print-address=" + std::to_string(fds[1]);
-    execlp("dbus-daemon", "dbus-daemon", config.c_str(), "--nofork", "--nopidfile", fd.c_str(),
-           static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  close(fds[1]);
-  FILE* printed = fdopen(fds[0], "r");
-  char address[256];
-  const bool listening = fgets(address, sizeof address, printed) != nullptr;
-  fclose(printed);
-  if (!listening) throw std::runtime_error("dbus-daemon did not start");
+  privateBus = std::make_unique<Child>(std::vector<std::string>{
+      "dbus-daemon", "--config-file=" + privateBusFolder + "/bus.conf", "--nofork", "--nopidfile",
+      "--print-address"});
+  std::string address;
+  if (!privateBus->line(address, Clock::now() + std::chrono::seconds(10)))
+    throw std::runtime_error("dbus-daemon did not start");
 }
 
 /// Starts the daemon once and points DBUS_SYSTEM_BUS_ADDRESS at it. Call before any
@@ -71,13 +60,23 @@ inline const std::string& usePrivateSystemBus(const std::string& extraPolicy = "
 /// Kills the daemon (every connection breaks at once); with `again`, starts a new one at
 /// the same address.
 inline void restartPrivateSystemBus(bool again = true) {
-  if (privateBusPid > 0) {
-    kill(privateBusPid, SIGKILL);
-    waitpid(privateBusPid, nullptr, 0);
-    privateBusPid = -1;
+  if (privateBus) {
+    privateBus.reset();
     unlink((privateBusFolder + "/socket").c_str());
   }
   if (again) startPrivateBusDaemon();
+}
+
+/// Calls `method` and runs the main queue until its reply (at most `limit`).
+inline bluez::BusReply callAndWait(bluez::Bus& bus, const std::string& service, const std::string& path,
+                                   const std::string& interface, const std::string& method,
+                                   const bluez::BusList& args = {}, const std::string& replySignature = "",
+                                   std::chrono::milliseconds limit = std::chrono::seconds(2)) {
+  std::optional<bluez::BusReply> reply;
+  bus.call(service, path, interface, method, args, limit, replySignature,
+           [&](const bluez::BusReply& r) { reply = r; });
+  EXPECT_TRUE(MainQueue::main().runUntil([&] { return reply.has_value(); }, limit)) << method;
+  return reply.value_or(bluez::BusReply{bluez::BusError{"no reply", ""}, {}});
 }
 
 }  // namespace tqble::test

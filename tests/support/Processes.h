@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -40,7 +41,7 @@ inline Outcome shell(const std::string& command) {
 }
 
 /// A child process, its output read line by line (with its error output when `errFile` is
-/// empty); killed when destroyed.
+/// empty); killed when destroyed, or when the thread that started it ends.
 class Child {
  public:
   explicit Child(const std::vector<std::string>& argv, const std::string& errFile = "/dev/null") {
@@ -48,6 +49,7 @@ class Child {
     if (::pipe(fds) != 0) throw std::runtime_error("pipe");
     pid_ = ::fork();
     if (pid_ == 0) {
+      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
       ::dup2(fds[1], 1);
       ::dup2(errFile.empty() ? fds[1] : ::open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
       std::vector<char*> args;
